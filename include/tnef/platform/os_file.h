@@ -1,0 +1,127 @@
+// Operating-system wrappers: the server home, files, memory and number texts.
+//
+// Every path that begins with "~/" is resolved against the server home: the directory set
+// with os_SetHome, else $TNEF_HOME, else "tnef-home" in the current directory. Folders on
+// the way to a file that is created are made on demand.
+//
+// Descriptors are plain POSIX descriptors. The os_ operations raise an escape of group 100
+// (reason = errno, the path or descriptor in the detail) when the system call fails; the
+// mdc_ variants report failure in their result instead. End of file is no error: a read
+// there returns 0.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+// ---- The server home ---------------------------------------------------------------------
+
+// Sets the home for this process (an empty text returns to the default).
+void os_SetHome(const std::string& home);
+// The home in effect, without a trailing slash.
+std::string os_GetHome();
+// "~/x" becomes "<home>/x"; any other path is returned unchanged.
+std::string os_ResolvePath(const std::string& path);
+// Creates every missing folder above the resolved path.
+void os_MakeParentDirs(const std::string& resolvedPath);
+
+// ---- Descriptors ---------------------------------------------------------------------------
+
+// Opens a file (flags and mode as POSIX open); creates missing parent folders when O_CREAT
+// is given. Raises 100/errno on failure.
+int os_open(const char* path, int flags, int mode);
+// Reads up to count bytes, retrying short reads until count bytes or end of file.
+// Returns the bytes read (0 at end of file). Raises 100/errno on failure.
+int64_t os_read(int fd, void* buffer, int64_t count);
+// Writes all count bytes. Raises 100/errno on failure.
+int64_t os_write(int fd, const void* buffer, int64_t count);
+// Seeks to the 64-bit offset given as low and high halves; whence 0 from the start, 1 from
+// the current position, 2 from the end. Returns the new position. Raises 100/errno.
+int64_t os_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence);
+// The same with a 64-bit offset.
+int64_t os_lseek64(int fd, int64_t offset, int whence);
+// Closes the descriptor; a negative descriptor is ignored. Raises 100/errno.
+void os_close(int fd);
+
+// mdc_ variants: no escape. mdc_read returns below 1 at end of file or on failure;
+// mdc_lseek returns all ones (-1) on failure; mdc_write returns the bytes written or -1.
+int64_t mdc_read(int fd, void* buffer, int64_t count);
+int64_t mdc_write(int fd, const void* buffer, int64_t count);
+int64_t mdc_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence);
+
+// True when the (resolved) path names an existing file.
+bool os_fexists(const char* path);
+// Standard I/O stream on the resolved path; nullptr on failure (no escape: the callers'
+// log files are optional). Folders are created for modes that write.
+FILE* os_fopen(const char* path, const char* mode);
+void os_fclose(FILE* file);
+
+// Replaceable system calls, so tests can make the n-th call fail (as an exhausted disk or a
+// failing device would) and check that nothing leaks or stays half-written.
+struct OsSysCalls {
+    int (*open)(const char* path, int flags, mode_t mode);
+    ssize_t (*read)(int fd, void* buffer, size_t count);
+    ssize_t (*write)(int fd, const void* buffer, size_t count);
+    off_t (*lseek)(int fd, off_t offset, int whence);
+    int (*close)(int fd);
+};
+// The table in use; os_SetSysCalls(nullptr) restores the real system calls.
+const OsSysCalls& os_GetSysCalls();
+void os_SetSysCalls(const OsSysCalls* calls);
+
+// Owns a descriptor: closes it on destruction without throwing; close() reports failure.
+class OsFd {
+public:
+    OsFd() = default;
+    explicit OsFd(int fd) : fd_(fd) {}
+    ~OsFd();
+    OsFd(OsFd&& other) noexcept : fd_(other.release()) {}
+    OsFd& operator=(OsFd&& other) noexcept;
+    OsFd(const OsFd&) = delete;
+    OsFd& operator=(const OsFd&) = delete;
+
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void close();
+
+private:
+    int fd_ = -1;
+};
+
+// ---- Memory ---------------------------------------------------------------------------------
+
+// Allocation returns nullptr on failure, as C does; callers check. Zero bytes give a valid,
+// unique block.
+void* os_malloc(size_t bytes);
+void* os_realloc(void* block, size_t bytes);
+void os_free(void* block);
+void* mdc_malloc(size_t bytes);
+void* mdc_calloc(size_t count, size_t bytes);
+void mdc_free(void* block);
+
+// ---- Number texts ---------------------------------------------------------------------------
+
+// Writes value in base (2 to 36) without leading zeros into text (at least 33 bytes);
+// lowerCase 1 gives lower-case digits, 0 upper case. Stores the length in *lengthOut when
+// given. Returns text.
+char* os_ul2str(uint32_t value, int base, int lowerCase, char* text, int* lengthOut);
+char* mdc_ul2str(uint32_t value, int base, int lowerCase, char* text, int* lengthOut);
+
+// Reads an unsigned number as strtoul does (leading blanks, an optional sign, "0x" in base
+// 16, base 0 guesses) and stops at the first byte that is not a digit of the base. Values
+// above 0xFFFFFFFF give 0xFFFFFFFF. *end, when given, receives the first unread byte.
+uint32_t mdc_strtoul(const char* text, char** end, int base);
+uint32_t os_str2ul(const char* text, int base);
+// Like mdc_strtoul, but tell whether the text held a number at all: 1 when at least one
+// digit was read (the value is stored in *result), 0 otherwise (*result is 0).
+int mdc_string2ul(const char* text, uint32_t* result, int base);
+int mdc_string2unsigned(const char* text, unsigned* result, int base);
+// First byte of text that is in set, or nullptr.
+const char* mdc_strpbrk(const char* text, const char* set);
+char* mdc_strpbrk(char* text, const char* set);

@@ -1,0 +1,83 @@
+// The TNEF codec: exported functions and data.
+//
+// Every function runs to completion on the caller's thread. Failures are escapes
+// (tnef/platform/er_escape.h): group 102 reason 1546 when data is longer than the buffer it
+// is read into, group 102 reason 1531 for a stream that does not begin with the TNEF
+// signature, group 100 (reason errno) when a file operation fails. The codec keeps some
+// process-wide state (the class map, the writer state), so one process runs one codec
+// operation at a time.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+// ---- Stream helpers ------------------------------------------------------------------------
+
+// 16-bit sum of length data bytes, wrapping; 0 when length is 0 or less.
+uint16_t tnef_Checksum(const void* data, int32_t length);
+
+// A MAPI time: 100-nanosecond intervals since 1601-01-01 UTC, as its two 32-bit halves.
+struct TnefMapiTime {
+    uint32_t low;
+    uint32_t high;
+};
+
+// Unix seconds (the 16-bit companion is ignored) to MAPI time.
+TnefMapiTime tnef_ConvertDate(uint32_t seconds, uint16_t companion);
+// MAPI time to Unix seconds, clamped above at 2147483647; the companion is always set to 0.
+void tnef_ConvertDateToUX(uint32_t* seconds, uint16_t* companion, uint32_t low, int32_t high);
+
+// Checks the signature of the stream on inFd (escape 102/1531, before anything is written,
+// when it is missing), copies the header and the leading attTnefVersion and attOemCodepage
+// records to outFd, and returns the stream's OEM code page (437 when it names none). The
+// input is left at the first record not copied.
+uint32_t tnef_SetOemCodePage(int outFd, int inFd);
+
+// ---- Message class map ("~/sys/mapiclass.map", loaded once per process) -------------------
+
+// Replaces a MAPI class by the server's class, in place; unknown classes stay unchanged.
+// The buffer must hold 256 bytes.
+void tnef_InMapMsgClass(char* messageClass);
+// Replaces a server class by the MAPI class, in place.
+void tnef_OutMapMsgClass(char* messageClass);
+
+// ---- Property texts ------------------------------------------------------------------------
+
+// Escapes length bytes of source into destination (which holds 2 * length bytes): bytes
+// below 0x20 become 0x1B and the byte plus 0x40. Returns the bytes written.
+int32_t tnef_EncodeBinary(char* destination, const void* source, int32_t length);
+
+// ---- Attribute writers ---------------------------------------------------------------------
+// They write straight to fd, at its end, and raise the platform's escapes on I/O failure.
+
+// The stream header and the attTnefVersion record (21 bytes).
+void tnef_Create(int fd);
+// One message-level record: level 1, id, length, data, checksum.
+void tnef_AddMsgAttribute(int fd, uint32_t attribute, uint32_t length, const void* data);
+// An attMAPIProps record holding one property (nothing for the suppressed tags). For
+// PT_STRING8 the length includes the NUL; for PT_I2 and PT_BOOLEAN it is 2.
+void tnef_AddMAPIPropsAttribute(int fd, uint32_t tag, int32_t length, const void* value);
+// The value part of such a record (value count, value length, value, padding).
+void tnef_AddMAPIPropsData(int fd, uint32_t tag, int32_t length, const void* value);
+// An attMAPIProps record holding one named property; its id is the next of the process's
+// named-property ids (0x8000 up to 0xFFFE, then 0x8000 again). kind 0: name holds the 4-byte
+// numeric name; kind 1: the UTF-16LE name with its 2-byte NUL.
+void tnef_AddMAPINamedPropsAttr(int fd, const void* name, int32_t nameLength, uint16_t type,
+                                const uint8_t guid[16], int32_t valueLength, const void* value,
+                                uint32_t kind);
+// Appends one more value to the record written last and patches its length, value count
+// (the new total) and checksum. fixedSize non-zero: no value-length field is written.
+void tnef_UpdateMAPIPropsData(int fd, uint32_t valueCount, int32_t length, const void* value,
+                              int fixedSize);
+
+// ---- Exported data -------------------------------------------------------------------------
+
+// The scan log stream; null while the scan log is not open.
+extern FILE* TraceF;
+
+// Recurrence structures kept for callers that link against them; no codec function reads
+// or writes them.
+extern unsigned char MAPI_DAILY_RECURRENCE[16];
+extern unsigned char MAPI_WEEKLY_RECURRENCE[16];
+extern unsigned char MAPI_MONTHLY_RECURRENCE[20];
+extern unsigned char MAPI_YEARLY_RECURRENCE[20];
