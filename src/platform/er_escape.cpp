@@ -116,11 +116,14 @@ const char* er_CatalogueText(int group, int number) {
 namespace {
 
 // Expands %s (and %d, taken as text) from the argument list; other bytes stand as they are.
+// The null pointer ends the arguments: places after it stay empty and nothing past it is read.
 std::string formatCatalogue(const char* text, va_list args) {
     std::string out;
+    bool ended = false;
     for (const char* p = text; *p != '\0'; ++p) {
         if (p[0] == '%' && (p[1] == 's' || p[1] == 'd')) {
-            const char* arg = va_arg(args, const char*);
+            const char* arg = ended ? nullptr : va_arg(args, const char*);
+            if (arg == nullptr) ended = true;
             out += arg != nullptr ? arg : "";
             ++p;
         } else {
@@ -148,8 +151,7 @@ void er_LogMsg(int level, int group, int number, ...) {
     va_end(args);
     while (!line.empty() && line.back() == '\n') line.pop_back();
 
-    std::string path = os_ResolvePath("~/tmp/server.log");
-    FILE* log = std::fopen(path.c_str(), "a");
+    FILE* log = os_fopen("~/tmp/server.log", "a");
     if (log == nullptr) return;
     char stamp[32];
     std::time_t now = std::time(nullptr);
