@@ -70,6 +70,27 @@ void tnef_AddMAPINamedPropsAttr(int fd, const void* name, int32_t nameLength, ui
 void tnef_UpdateMAPIPropsData(int fd, uint32_t valueCount, int32_t length, const void* value,
                               int fixedSize);
 
+// ---- Property extraction -------------------------------------------------------------------
+
+// Walks the TNEF file on fd and returns, as property blob text, the requested property or
+// (request "GET-ALL") every message property through *propsOut, the recipient table through
+// *recipsOut and the attachment table through *attachOut (each may be null when not wanted).
+// request is "GET-ALL", a hexadecimal property tag ("37010102") or "#type/id" for a named
+// property with a numeric name ("#3/8205"). Returned texts are new strings the caller frees
+// with free(). Returns 1 when the property was found (for "GET-ALL": when a message property
+// was rendered), else 0. The file is left at offset 0. fileName is used only in the log.
+int tnef_GetProp(int fd, const char* request, char** propsOut, char** recipsOut,
+                 char** attachOut, const char* fileName);
+
+// ---- Blob writer ---------------------------------------------------------------------------
+
+// Writes a complete TNEF stream at fd's position from the property, attachment-table and
+// recipient-table blobs that tnef_GetProp returns (each may be null). savedFd is a TNEF file
+// whose attachment attributes are kept when the attachment blob is not written, or -1. fd
+// must be readable too: checksums are computed by reading back. Returns 1.
+int tnef_WriteBrenvoProps2ObjectFile(int fd, int savedFd, const char* propsBlob,
+                                     const char* attachBlob, const char* recipsBlob);
+
 // ---- Exported data -------------------------------------------------------------------------
 
 // The scan log stream; null while the scan log is not open.
