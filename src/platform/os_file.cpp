@@ -123,6 +123,12 @@ int64_t mdc_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence) {
     return pos < 0 ? -1 : pos;
 }
 
+int64_t os_fsize(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+    return st.st_size;
+}
+
 bool os_fexists(const char* path) {
     struct stat st;
     return ::stat(os_ResolvePath(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);

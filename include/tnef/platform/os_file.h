@@ -51,6 +51,9 @@ int64_t mdc_read(int fd, void* buffer, int64_t count);
 int64_t mdc_write(int fd, const void* buffer, int64_t count);
 int64_t mdc_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence);
 
+// Size of the open file in bytes, or -1 when it cannot be told (a pipe).
+int64_t os_fsize(int fd);
+
 // True when the (resolved) path names an existing file.
 bool os_fexists(const char* path);
 // Standard I/O stream on the resolved path; nullptr on failure (no escape: the callers'
