@@ -16,8 +16,6 @@ using namespace std::string_literals;
 
 namespace {
 
-constexpr char RS = 0x1E;
-constexpr char GS = 0x1D;
 
 // The decoder's outputs for one attMAPIProps record, with the caller's presets.
 struct Decoded {
