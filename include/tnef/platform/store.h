@@ -1,0 +1,11 @@
+// The message store in one include: items and item files, message files, messages, stored
+// MAPI data, addresses, the received-message builder and the dumps.
+#pragma once
+
+#include "tnef/platform/address.h"
+#include "tnef/platform/im_items.h"
+#include "tnef/platform/mp_stored.h"
+#include "tnef/platform/msg_builder.h"
+#include "tnef/platform/msg_store.h"
+#include "tnef/platform/store_dump.h"
+#include "tnef/platform/tf_msgfile.h"

@@ -1,0 +1,292 @@
+#include "tnef/platform/msg_store.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "store_internal.h"
+#include "tnef/platform/er_escape.h"
+#include "tnef/platform/os_file.h"
+#include "tnef/platform/tf_msgfile.h"
+
+namespace {
+
+constexpr const char* kUnit = "src/platform/msg_store";
+constexpr int kNameAttempts = 64;
+
+struct Message {
+    uint32_t high;
+    uint32_t low;
+};
+
+store::HandleTable<Message>& messages() {
+    static store::HandleTable<Message> table;
+    return table;
+}
+
+Message& lookup(int16_t msg) { return messages().get(msg, kUnit, __LINE__, "message"); }
+
+std::string folderOf(const Message& m) { return msg_FolderPath(m.high, m.low); }
+
+std::string idOf(const Message& m) { return store::hex8(m.high) + store::hex8(m.low); }
+
+ItemRef memberRef(const Message& m, uint32_t part) {
+    return ItemRef{{IM_KIND_MESSAGE, m.high, m.low, part}};
+}
+
+bool parseId(const char* id, Message* m) {
+    if (id == nullptr || std::strlen(id) != 16) return false;
+    for (const char* p = id; *p != '\0'; ++p)
+        if (!std::isxdigit(static_cast<unsigned char>(*p))) return false;
+    const std::string text(id);
+    m->high = static_cast<uint32_t>(std::stoul(text.substr(0, 8), nullptr, 16));
+    m->low = static_cast<uint32_t>(std::stoul(text.substr(8), nullptr, 16));
+    return true;
+}
+
+// Size of part n, or -1 when the message has no such part. Sizes above 32 bits read as
+// the largest 32-bit value, which is what a 32-bit size field can say.
+int64_t partSize(const Message& m, uint32_t part) {
+    struct stat st;
+    if (::stat(im_ItemRef2FName(memberRef(m, part)).c_str(), &st) != 0) return -1;
+    return std::min<int64_t>(st.st_size, 0xFFFFFFFF);
+}
+
+bool partExists(const Message& m, uint32_t part) { return partSize(m, part) >= 0; }
+
+[[noreturn]] void corrupt(const std::string& path, int line, const std::string& what) {
+    store::raise(ER_STORE_CORRUPT, kUnit, line, "message file " + path + ": " + what);
+}
+
+std::string readWhole(store::MsgFile& file) {
+    const int64_t size = store::tfSize(file);
+    std::string bytes(static_cast<size_t>(size), '\0');
+    os_lseek64(file.fd.get(), 0, SEEK_SET);
+    if (os_read(file.fd.get(), bytes.data(), size) != size)
+        corrupt(file.path, __LINE__, "changed while being saved");
+    return bytes;
+}
+
+struct SizeFill {
+    size_t offset;  // of the size field within the file
+    uint32_t size;
+};
+
+// Walks the records, checks their lengths and collects the sizes to fill in.
+std::vector<SizeFill> plannedFills(const Message& m, const std::string& bytes,
+                                   const std::string& path) {
+    std::vector<SizeFill> fills;
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+    uint32_t counted = 0;
+    size_t pos = 0;
+    while (pos < bytes.size()) {
+        const std::string where = " at offset " + std::to_string(pos);
+        if (bytes.size() - pos < TF_RECORD_HEADER)
+            corrupt(path, __LINE__, "file ends inside the record" + where);
+        const uint32_t length = store::getLe32(data + pos);
+        if (length < TF_RECORD_HEADER || length > TF_RECORD_MAX || length > bytes.size() - pos)
+            corrupt(path, __LINE__, "record" + where + " claims " + std::to_string(length) + " bytes");
+        const uint32_t type = store::getLe32(data + pos + 4);
+        // Fields past a record's length read as 0, as tf_ReadRecord gives them.
+        if (type == TFREC_CONTENT_FILE) {
+            const uint32_t flags = length >= 28 ? store::getLe32(data + pos + 24) : 0;
+            if ((flags & TF_CONTENT_NOT_COUNTED) == 0) {
+                ++counted;
+                if (length >= 32 && store::getLe32(data + pos + 28) == 0) {
+                    const int64_t size = partSize(m, counted);
+                    if (size > 0) fills.push_back({pos + 28, static_cast<uint32_t>(size)});
+                }
+            }
+        }
+        pos += length;
+    }
+    return fills;
+}
+
+bool sameFile(int fd, const std::string& path) {
+    struct stat a, b;
+    return ::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
+}
+
+// Writes bytes to a new name in the folder and renames it over target.
+void replaceFile(const std::string& folder, const std::string& target, const std::string& bytes) {
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        const std::string temp = folder + "/.msgfile-" + store::hex8(store::randomWord());
+        int raw;
+        try {
+            raw = os_open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0660);
+        } catch (const Escape& e) {
+            if (e.group == ER_GROUP_IO && e.reason == EEXIST) continue;
+            throw;
+        }
+        OsFd fd(raw);
+        try {
+            os_write(fd.get(), bytes.data(), static_cast<int64_t>(bytes.size()));
+            if (::fdatasync(fd.get()) != 0 && errno != EINVAL)
+                store::raiseErrno(errno, kUnit, __LINE__, "cannot flush " + temp);
+            fd.close();
+            if (::rename(temp.c_str(), target.c_str()) != 0)
+                store::raiseErrno(errno, kUnit, __LINE__, "cannot rename " + temp + " to " + target);
+        } catch (const Escape&) {
+            ::unlink(temp.c_str());
+            throw;
+        }
+        return;
+    }
+    store::raiseErrno(EEXIST, kUnit, __LINE__, "no free temporary name in " + folder);
+}
+
+}  // namespace
+
+std::string msg_FolderPath(uint32_t idHigh, uint32_t idLow) {
+    return store::homePath("~/store/messages/" + store::hex8(idHigh) + store::hex8(idLow));
+}
+
+int16_t Msg_Create() {
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        Message m{static_cast<uint32_t>(std::time(nullptr)), store::randomWord()};
+        const std::string folder = folderOf(m);
+        os_MakeParentDirs(folder);
+        if (::mkdir(folder.c_str(), 0770) != 0) {
+            if (errno == EEXIST) continue;
+            store::raiseErrno(errno, kUnit, __LINE__, "cannot create message folder " + folder);
+        }
+        try {
+            const std::string file = im_ItemRef2FName(memberRef(m, 0));
+            OsFd(os_open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0660)).close();
+            return messages().add(std::make_unique<Message>(m), kUnit, "message");
+        } catch (const Escape&) {
+            ::unlink(im_ItemRef2FName(memberRef(m, 0)).c_str());
+            ::rmdir(folder.c_str());
+            throw;
+        }
+    }
+    store::raiseErrno(EEXIST, kUnit, __LINE__, "no free message name");
+}
+
+int16_t Msg_Open(const char* id) {
+    Message m{};
+    if (!parseId(id, &m))
+        store::raise(ER_STORE_BAD_ARGUMENT, kUnit, __LINE__,
+                     std::string("\"") + (id != nullptr ? id : "") + "\" is not a message id");
+    const std::string folder = folderOf(m);
+    struct stat st;
+    if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        store::raiseErrno(ENOENT, kUnit, __LINE__, "no message folder " + folder);
+    return messages().add(std::make_unique<Message>(m), kUnit, "message");
+}
+
+void Msg_Close(int16_t msg) {
+    if (!messages().remove(msg))
+        store::raise(ER_STORE_BAD_HANDLE, kUnit, __LINE__,
+                     "message handle " + std::to_string(msg) + " is not open");
+}
+
+void Msg_Delete(int16_t msg) {
+    const Message m = lookup(msg);
+    Msg_Close(msg);
+    const std::string folder = folderOf(m);
+    if (DIR* dir = ::opendir(folder.c_str())) {
+        while (const dirent* entry = ::readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") ::unlink((folder + "/" + name).c_str());
+        }
+        ::closedir(dir);
+    }
+    if (::rmdir(folder.c_str()) != 0 && errno != ENOENT)
+        store::raiseErrno(errno, kUnit, __LINE__, "cannot remove message folder " + folder);
+}
+
+std::string Msg_GetId(int16_t msg) { return idOf(lookup(msg)); }
+
+std::vector<std::string> Msg_List() {
+    std::vector<std::string> ids;
+    const std::string root = store::homePath("~/store/messages");
+    DIR* dir = ::opendir(root.c_str());
+    if (dir == nullptr) return ids;
+    while (const dirent* entry = ::readdir(dir)) {
+        Message m{};
+        if (parseId(entry->d_name, &m)) ids.emplace_back(entry->d_name);
+    }
+    ::closedir(dir);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+int Msg_OpenHandleCount() { return messages().openCount(); }
+
+int Msg_AttachFile(int16_t msg, const ItemRef& ref) {
+    const Message& m = lookup(msg);
+    const std::string source = im_ItemRef2FName(ref);
+    // Another process attaching to the same message takes the number first; link() then
+    // fails and the next number is tried.
+    for (uint32_t part = Msg_GetPartCount(msg) + 1;; ++part) {
+        const std::string target = im_ItemRef2FName(memberRef(m, part));
+        if (::link(source.c_str(), target.c_str()) == 0) return static_cast<int>(part);
+        if (errno != EEXIST)
+            store::raiseErrno(errno, kUnit, __LINE__, "cannot link " + source + " to " + target);
+    }
+}
+
+void Msg_GetAttachedFile(int16_t msg, ItemRef* ref, uint32_t partNumber) {
+    const Message& m = lookup(msg);
+    if (partNumber == 0 || !partExists(m, partNumber))
+        store::raise(ER_STORE_NO_PART, kUnit, __LINE__,
+                     "message " + idOf(m) + " has no part " + std::to_string(partNumber));
+    *ref = memberRef(m, partNumber);
+}
+
+uint32_t Msg_GetPartCount(int16_t msg) {
+    const Message& m = lookup(msg);
+    uint32_t count = 0;
+    while (partExists(m, count + 1)) ++count;
+    return count;
+}
+
+void Msg_GetFileRef(int16_t msg, ItemRef* ref) { *ref = memberRef(lookup(msg), 0); }
+
+int16_t Msg_OpenFile(int16_t msg) {
+    ItemRef ref;
+    Msg_GetFileRef(msg, &ref);
+    return tf_OpenFile(ref, TF_OPEN_UPDATE);
+}
+
+void Msg_Save(int16_t msg, int16_t tf) {
+    const Message& m = lookup(msg);
+    store::MsgFile& file = store::tfLookup(tf);
+    std::string bytes = readWhole(file);
+    const std::vector<SizeFill> fills = plannedFills(m, bytes, file.path);
+    // The caller's file learns the sizes too (record lengths do not change), so that what
+    // it holds and what was saved agree.
+    if (!file.readOnly) {
+        for (const SizeFill& fill : fills) {
+            unsigned char field[4];
+            store::putLe32(field, fill.size);
+            os_lseek64(file.fd.get(), static_cast<int64_t>(fill.offset), SEEK_SET);
+            os_write(file.fd.get(), field, sizeof field);
+        }
+    }
+    const std::string target = im_ItemRef2FName(memberRef(m, 0));
+    if (!file.readOnly && sameFile(file.fd.get(), target)) {
+        tf_FlushFile(tf);
+        return;
+    }
+    for (const SizeFill& fill : fills)
+        store::putLe32(reinterpret_cast<unsigned char*>(bytes.data()) + fill.offset, fill.size);
+    replaceFile(folderOf(m), target, bytes);
+}
+
+MsgOwner::~MsgOwner() {
+    if (msg_ != 0) messages().remove(msg_);
+}
