@@ -33,6 +33,22 @@ void tnef_ConvertDateToUX(uint32_t* seconds, uint16_t* companion, uint32_t low, 
 // input is left at the first record not copied.
 uint32_t tnef_SetOemCodePage(int outFd, int inFd);
 
+// ---- Decoding ------------------------------------------------------------------------------
+
+// Decodes the TNEF file at path, received with message, into the server's form: attachments
+// become data items linked to message, embedded messages packages of records, header values
+// records of the message file, and the MAPI properties two property texts stored with it
+// together with the object file that keeps the stream's other records (unless
+// suppressMapiData is non-zero). *messageFile is read, not changed: on return it is replaced
+// by the handle of the new message file (the caller closes both). receipt becomes 4 when a
+// delivery report is asked for and 7 when a read receipt is; replyRequested becomes 1 when
+// a reply is; both are left alone otherwise. addressUpdate non-zero rewrites local addresses.
+// Escapes: 102/1531 (not TNEF), 102/1546 (data longer than its buffer), 100/errno, the
+// store's 103/x. On an escape every descriptor is closed and every item the decode made and
+// had not linked to the message is removed; the caller's message file is untouched.
+void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16_t* receipt,
+                 uint32_t* replyRequested, uint32_t addressUpdate, uint32_t suppressMapiData);
+
 // ---- Message class map ("~/sys/mapiclass.map", loaded once per process) -------------------
 
 // Replaces a MAPI class by the server's class, in place; unknown classes stay unchanged.
@@ -90,6 +106,44 @@ int tnef_GetProp(int fd, const char* request, char** propsOut, char** recipsOut,
 // must be readable too: checksums are computed by reading back. Returns 1.
 int tnef_WriteBrenvoProps2ObjectFile(int fd, int savedFd, const char* propsBlob,
                                      const char* attachBlob, const char* recipsBlob);
+
+// ---- Message file update -------------------------------------------------------------------
+// The message file is the platform's (tnef/platform/tf_msgfile.h); these run after a decode.
+
+struct dstring;
+struct ItemRef;
+
+// Copies the message file *messageFile record by record into a new one and stores the new
+// handle through messageFile; the old file is neither closed nor removed (the caller owns
+// it). On the way: the header record's flags word (1100) takes the priority (unless 0xFFFF),
+// importance and sensitivity (unless 0xFFFFFFFF) codes and the auto-forwarded bit; with
+// addressUpdate non-zero, addresses of the local default mail node are rewritten to the
+// local form (10000, 10005, 15000, 16100) and, when UXI_PASSIVE_RECIPS_MAPI_ENABLED is
+// true, recipients (15000) get bit 0 of their flags word. Before the first record outside
+// the header and address groups (or at the end) it inserts a subject (11100), class
+// (11200), expiry (13700) and deferred delivery (14100) record where the values are given
+// and no such record came before, then, unless the decode suppresses MAPI data, the object
+// file (stored as "MAPI.ObjectProperties") and the two property texts (the secondary one
+// flagged 2 when recurrence is non-zero). Raises the platform's escapes (100/errno, 103/x,
+// 102/1546 for a text that no longer fits its record); the new file is removed then.
+void tnef_UpdateTF(int16_t* messageFile, uint32_t objectRef0, uint32_t objectRef1,
+                   uint32_t objectRef2, uint32_t objectRef3, const dstring* mainText,
+                   const dstring* secondaryText, const char* messageClass, uint16_t priority,
+                   const char* subject, uint32_t importance, uint32_t sensitivity,
+                   uint32_t deferredSeconds, uint16_t deferredCompanion, uint32_t expirySeconds,
+                   uint16_t expiryCompanion, uint32_t addressUpdate, uint32_t autoForwarded,
+                   uint32_t recurrence);
+
+// Rewrites the distribution-list entries (22000, 22100, 22200, 22300) of the message file
+// the reference names into a new message file, whose reference replaces *messageFileRef:
+// the entry's address as tnef_UpdateMN does, and bit 12 of its flags word when
+// UXI_PASSIVE_RECIPS_MAPI_ENABLED is true. The old file's item stays (the caller's).
+void tnef_UpdateDL(ItemRef* messageFileRef);
+
+// Rewrites address (a NUL-terminated text in a buffer of 4080 bytes) in place to the local
+// form when it names the local default mail node (~/sys/mailnode); otherwise, and when no
+// node is configured, leaves it unchanged.
+void tnef_UpdateMN(char* address);
 
 // ---- Exported data -------------------------------------------------------------------------
 
