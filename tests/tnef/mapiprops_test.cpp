@@ -218,3 +218,17 @@ TEST(MapiProps, LyingCountsAndLengthsStayInsideTheAttribute) {
     hugeProps.long32(0x00040003, 1).count(1000000);
     EXPECT_EQ(decode(home, hugeProps).main, "40003\x1d" "1\x1e");
 }
+
+TEST(MapiProps, CalendarPropertiesAreAugmentedUnlessTurnedOff) {
+    TestHome home;
+    PropList list;
+    list.i8(0x00600040, 0x01D0000000000000ull);  // PR_START_DATE
+    const Decoded on = decode(home, list);
+    EXPECT_NE(on.main.find("#40/820d\x1d"), std::string::npos) << hexDump(on.main);
+    EXPECT_NE(on.main.find("#40/8516\x1d"), std::string::npos);
+    EXPECT_EQ(on.recurrence, 0u) << "no recurrence: the flag is written as 0";
+    cust_Set("TNEF_AUGMENT_PROPS", "0");
+    const Decoded off = decode(home, list);
+    EXPECT_EQ(off.main, "600040\x1d\x1b@\x1b@\x1b@\x1b@\x1b@\x1b@\xd0\x1b\x41\x1e"s);
+    EXPECT_EQ(off.recurrence, 99u);
+}

@@ -11,6 +11,7 @@
 #include "tnef/platform/mapi_blob.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/tnef.h"
+#include "tnef_decode/tnef_augment.h"
 #include "tnef_decode/tnef_bounded_read.h"
 #include "tnef_propstream.h"
 
@@ -434,5 +435,6 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
         }
     }
     os_lseek64(tnefFd, end, 0);
-    (void)recurrenceFlag;
+    if (cust_GetBoolean("TNEF_AUGMENT_PROPS", 1, 0, 0))
+        tnef_AugmentMAPIProps(mainText, tnefLastSetMsgMain.data(), recurrenceFlag);
 }
