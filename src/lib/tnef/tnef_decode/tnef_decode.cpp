@@ -84,17 +84,6 @@ bool takeRequestRes(int tnefFd, dstring* secondaryText, uint16_t* replyRequested
     return n == static_cast<int64_t>(length) && tnef_SkipChecksum(tnefFd);
 }
 
-bool takeAidOwner(int tnefFd, dstring* secondaryText) {
-    constexpr uint32_t PR_OWNER_APPT_ID = 0x00620003;
-    tnef_AppendHexKey(secondaryText, PR_OWNER_APPT_ID);
-    uint32_t length = 0;
-    if (!tnef_ReadU32(tnefFd, &length)) return false;
-    uint8_t value[4] = {};
-    const int64_t n = tnef_ReadBounded(tnefFd, value, length, 4);
-    tnef_AppendHexValueEnd(secondaryText, tnef_GetU32(value));
-    return n == static_cast<int64_t>(length) && tnef_SkipChecksum(tnefFd);
-}
-
 bool takeMessageClass(int tnefFd, char* messageClass) {
     const bool whole = readText(tnefFd, messageClass, TNEF_TEXT_CAPACITY);
     if (!cust_PresentAndTrue("UXI_PRESERVE_MAPI_MSG_CLASS")) tnef_InMapMsgClass(messageClass);
@@ -185,7 +174,7 @@ void tnef_ParseTNEF(int objectFd, int tnefFd, dstring* mainText, dstring* second
                 more = takeRequestRes(tnefFd, secondaryText, out.replyRequested);
                 break;
             case attAidOwner:
-                more = takeAidOwner(tnefFd, secondaryText);
+                more = tnef_TakeAidOwner(tnefFd, secondaryText);
                 break;
             case attSubject:
                 more = readText(tnefFd, out.subject, TNEF_TEXT_CAPACITY);

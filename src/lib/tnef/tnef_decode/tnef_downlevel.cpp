@@ -8,18 +8,12 @@
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
 #include "tnef_decode/tnef_bounded_read.h"
+#include "tnef_decode/tnef_records.h"
 #include "tnef_decode/tnef_mapiprops.h"
 #include "tnef_defs.h"
 #include "tnef_propstream.h"
 
 namespace {
-
-bool readU32(int fd, uint32_t& value) {
-    uint8_t b[4] = {};
-    const bool whole = os_read(fd, b, 4) == 4;
-    value = tnef_GetU32(b);
-    return whole;
-}
 
 void skip(int fd, uint64_t n) {
     if (n != 0) os_lseek64(fd, static_cast<int64_t>(n), 1);
@@ -28,8 +22,8 @@ void skip(int fd, uint64_t n) {
 void readDisplayName(int fd, char* nameBuffer, uint32_t nameCapacity) {
     uint32_t count = 0;
     uint32_t length = 0;
-    readU32(fd, count);
-    readU32(fd, length);
+    tnef_ReadU32(fd, &count);
+    tnef_ReadU32(fd, &length);
     // The name and its NUL must fit below the capacity, so the buffer always ends in a NUL.
     if (length >= nameCapacity)
         er_TracedEscapeText(ER_GROUP_TNEF, ER_TNEF_TOO_LONG, TNEF_UNIT_DECODE, __LINE__,
@@ -45,8 +39,8 @@ void readDisplayName(int fd, char* nameBuffer, uint32_t nameCapacity) {
 int copyAttachedObject(int fd, int64_t attrEnd, std::string* fileName, ItemRef* ref) {
     uint32_t count = 0;
     uint32_t length = 0;
-    readU32(fd, count);
-    readU32(fd, length);
+    tnef_ReadU32(fd, &count);
+    tnef_ReadU32(fd, &length);
     ItemRef item{};
     OsFd out(im_CrNewTempItem(&item));
     ImItemOwner owner(item);
@@ -89,13 +83,13 @@ int tnef_ParseDownLevelMAPIProps(int tnefFd, dstring* mainText, dstring* seconda
     int result = 0;
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
     uint32_t count = 0;
-    readU32(tnefFd, count);
+    tnef_ReadU32(tnefFd, &count);
     std::array<uint8_t, TNEF_TEXT_CAPACITY> name;
     // The attached object's item is removed again if an escape ends the list.
     std::optional<ImItemOwner> object;
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
         uint32_t tag = 0;
-        if (!readU32(tnefFd, tag)) break;
+        if (!tnef_ReadU32(tnefFd, &tag)) break;
         if (tag == PR_DISPLAY_NAME) {
             readDisplayName(tnefFd, nameBuffer, nameCapacity);
         } else if (tag == PR_ATTACH_DATA_OBJ) {

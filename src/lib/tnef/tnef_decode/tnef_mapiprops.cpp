@@ -13,6 +13,7 @@
 #include "tnef/tnef.h"
 #include "tnef_decode/tnef_augment.h"
 #include "tnef_decode/tnef_bounded_read.h"
+#include "tnef_decode/tnef_records.h"
 #include "tnef_propstream.h"
 
 namespace {
@@ -28,15 +29,6 @@ TnefGuid tnefLastSetAttachSecondary = kUnsetSlot;
 namespace {
 
 // ---- Stream reads --------------------------------------------------------------------------
-
-// Values are read into zeroed buffers: a stream that ends inside a value yields zeros rather
-// than stale bytes, and the record loop's reposition at the attribute end takes over.
-bool readU32(int fd, uint32_t& value) {
-    uint8_t b[4] = {};
-    const bool whole = os_read(fd, b, 4) == 4;
-    value = tnef_GetU32(b);
-    return whole;
-}
 
 bool readU16Padded(int fd, uint16_t& value) {
     uint8_t b[4] = {};
@@ -107,7 +99,7 @@ void appendFixedValue(dstring* text, int fd, const TnefPropTypeInfo& info) {
 // loop ends where the stream does.
 void appendFixedValues(dstring* text, int fd, const TnefPropTypeInfo& info, uint32_t attrLength) {
     uint32_t count = 0;
-    if (!readU32(fd, count)) return;
+    if (!tnef_ReadU32(fd, &count)) return;
     const uint32_t fits = attrLength / info.slotSize;
     if (count > fits) count = fits;
     for (uint32_t i = 0; i < count; ++i) {
@@ -195,9 +187,9 @@ uint32_t terminatorBytes(uint16_t type) {
 bool appendVariableValues(dstring* text, size_t rollback, const ObjectTarget& target,
                           int tnefFd, uint32_t attrLength) {
     uint32_t count = 0;
-    if (!readU32(tnefFd, count) || count == 0) return true;
+    if (!tnef_ReadU32(tnefFd, &count) || count == 0) return true;
     uint32_t length = 0;
-    readU32(tnefFd, length);
+    tnef_ReadU32(tnefFd, &length);
     // A count or length beyond the attribute is read as one value filling the attribute.
     const uint32_t limit = attrLength >= 16 ? attrLength - 16 : 0;
     if (length > limit || count > limit) {
@@ -225,7 +217,7 @@ bool appendVariableValues(dstring* text, size_t rollback, const ObjectTarget& ta
         skipPadding(tnefFd, length);
         if (i + 1 < count) {
             // A stream that ends inside the list ends the values; no loop over a bogus count.
-            if (!readU32(tnefFd, length)) break;
+            if (!tnef_ReadU32(tnefFd, &length)) break;
             if (length > limit) length = limit;
         }
     }
@@ -308,9 +300,9 @@ bool tnef_ReadNamedHeader(int tnefFd, TnefGuid& set, uint32_t& kind, uint32_t& l
     set.fill(0);
     nameLength = 0;
     lid = 0;
-    if (os_read(tnefFd, set.data(), 16) != 16 || !readU32(tnefFd, kind)) return false;
-    if (kind == MNID_ID) return readU32(tnefFd, lid);
-    if (!readU32(tnefFd, nameLength)) return false;
+    if (os_read(tnefFd, set.data(), 16) != 16 || !tnef_ReadU32(tnefFd, &kind)) return false;
+    if (kind == MNID_ID) return tnef_ReadU32(tnefFd, &lid);
+    if (!tnef_ReadU32(tnefFd, &nameLength)) return false;
     std::memset(nameBuffer, 0, nameLength <= TNEF_TEXT_CAPACITY ? nameLength : 0);
     return tnef_ReadBounded(tnefFd, nameBuffer, nameLength, TNEF_TEXT_CAPACITY) ==
            static_cast<int64_t>(nameLength);
@@ -345,8 +337,8 @@ void readTime(int fd, uint32_t* seconds, uint16_t* companion) {
 void readFirstValueInto(int fd, char* buffer) {
     uint32_t count = 0;
     uint32_t length = 0;
-    readU32(fd, count);
-    readU32(fd, length);
+    tnef_ReadU32(fd, &count);
+    tnef_ReadU32(fd, &length);
     const int64_t n = tnef_ReadBounded(fd, buffer, length, TNEF_TEXT_CAPACITY);
     buffer[n > 0 ? n : 0] = '\0';
     skipPadding(fd, length);
@@ -364,8 +356,8 @@ bool takePlainValue(uint32_t tag, int fd, const PlainValueOuts& out) {
         case PR_DEFERRED_DELIVERY_TIME: readTime(fd, out.deferredTime, out.deferredCompanion); return true;
         case PR_EXPIRY_TIME: readTime(fd, out.expiryTime, out.expiryCompanion); return true;
         case PR_CREATION_TIME: readTime(fd, out.creationTime, out.creationCompanion); return true;
-        case PR_IMPORTANCE: readU32(fd, u32); *out.importance = importanceCode(u32); return true;
-        case PR_SENSITIVITY: readU32(fd, u32); *out.sensitivity = sensitivityCode(u32); return true;
+        case PR_IMPORTANCE: tnef_ReadU32(fd, &u32); *out.importance = importanceCode(u32); return true;
+        case PR_SENSITIVITY: tnef_ReadU32(fd, &u32); *out.sensitivity = sensitivityCode(u32); return true;
         case PR_ORIGINATOR_DELIVERY_REPORT_REQUESTED: readU16Padded(fd, *out.deliveryReport); return true;
         case PR_READ_RECEIPT_REQUESTED: readU16Padded(fd, *out.readReceipt); return true;
         case PR_MESSAGE_SUBMISSION_ID: readFirstValueInto(fd, out.submissionId); return true;
@@ -401,17 +393,17 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
                               creationTime, creationCompanion, submissionId,   senderAddress,
                               autoForwarded};
     uint32_t attrLength = 0;
-    readU32(tnefFd, attrLength);
+    tnef_ReadU32(tnefFd, &attrLength);
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
     uint32_t count = 0;
-    readU32(tnefFd, count);
+    tnef_ReadU32(tnefFd, &count);
 
     std::array<uint8_t, TNEF_TEXT_CAPACITY> name;
     // The list ends at its count, at the end of the stream, or where the attribute ends: a
     // count larger than the attribute holds would otherwise read the records after it.
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
         uint32_t tag = 0;
-        if (!readU32(tnefFd, tag)) break;
+        if (!tnef_ReadU32(tnefFd, &tag)) break;
         if (takePlainValue(tag, tnefFd, outs)) continue;
         if (isSecondaryPlainTag(tag)) {
             tnef_AddToMAPIProps(objectFd, tnefFd, tag, secondaryText, nullptr, nullptr, 0, 0,

@@ -152,17 +152,6 @@ bool takeRequestRes(int fd, dstring* secondaryText) {
     return n == static_cast<int64_t>(length) && tnef_SkipChecksum(fd);
 }
 
-bool takeAidOwner(int fd, dstring* secondaryText) {
-    constexpr uint32_t PR_OWNER_APPT_ID = 0x00620003;
-    tnef_AppendHexKey(secondaryText, PR_OWNER_APPT_ID);
-    uint32_t length = 0;
-    if (!tnef_ReadU32(fd, &length)) return false;
-    uint8_t value[4] = {};
-    const int64_t n = tnef_ReadBounded(fd, value, length, 4);
-    tnef_AppendHexValueEnd(secondaryText, tnef_GetU32(value));
-    return n == static_cast<int64_t>(length) && tnef_SkipChecksum(fd);
-}
-
 // The attachment property item's whole content, after the header, into the object file.
 void copyPropertyItem(int propFd, int objectFd) {
     os_lseek64(propFd, 0, 0);
@@ -205,7 +194,7 @@ void tnef_ParseNestedTNEF(int streamFd, int16_t messageFile, int16_t message, in
     bool more = true;
     while (more && tnef_ReadRecordHead(streamFd, &level, &id)) {
         switch (id) {
-            case attAidOwner: more = takeAidOwner(streamFd, secondaryText); break;
+            case attAidOwner: more = tnef_TakeAidOwner(streamFd, secondaryText); break;
             case attBody: more = takeBody(streamFd, message, n); break;
             case attSubject: more = takeSubject(streamFd, n); break;
             case attAttachTitle:

@@ -169,3 +169,15 @@ void tnef_AppendContentFile(int16_t tf, uint32_t contentType, const char* partNa
     tf_ContentFileRecFromStruc(&record, &description);
     tf_AppendRecord(tf, &record);
 }
+
+bool tnef_TakeAidOwner(int tnefFd, dstring* secondaryText) {
+    // attAidOwner travels as PR_OWNER_APPT_ID.
+    constexpr uint32_t PR_OWNER_APPT_ID = 0x00620003;
+    tnef_AppendHexKey(secondaryText, PR_OWNER_APPT_ID);
+    uint32_t length = 0;
+    if (!tnef_ReadU32(tnefFd, &length)) return false;
+    uint8_t value[4] = {};
+    const int64_t n = tnef_ReadBounded(tnefFd, value, length, 4);
+    tnef_AppendHexValueEnd(secondaryText, tnef_GetU32(value));
+    return n == static_cast<int64_t>(length) && tnef_SkipChecksum(tnefFd);
+}

@@ -36,6 +36,10 @@ void tnef_AppendHexEntry(dstring* text, uint32_t tag, uint32_t value);
 void tnef_AppendHexKey(dstring* text, uint32_t tag);
 void tnef_AppendHexValueEnd(dstring* text, uint32_t value);
 
+// attAidOwner (stream at the length field): its 32-bit value as a PR_OWNER_APPT_ID entry of
+// the secondary text. False when the stream ended inside the record.
+bool tnef_TakeAidOwner(int tnefFd, dstring* secondaryText);
+
 // Streams length bytes of attribute data into a new data item, in 8192-byte chunks, stopping
 // early when the stream ends. The item is removed again unless the caller releases it.
 struct TnefDataItem {
