@@ -55,41 +55,41 @@ void appendContentFile(int16_t tf, uint32_t contentType, const std::string& name
     tf_AppendRecord(tf, &record);
 }
 
-void appendRecords(int16_t tf, const ReceivedMessage& spec) {
+void appendRecords(int16_t tf, const ReceivedMessage& received) {
     TFREC header;
     tf_InitRecord(&header, TFREC_HEADER);
     tf_PutINT16(&header, 16, 3);
-    tf_PutINT32(&header, 24, spec.headerFlags);
+    tf_PutINT32(&header, 24, received.headerFlags);
     tf_PutINT32(&header, 28, 1);
-    tf_PutINT32(&header, 42, 2u | (spec.outOfOfficeTemplate ? 1u : 0u));
+    tf_PutINT32(&header, 42, 2u | (received.outOfOfficeTemplate ? 1u : 0u));
     tf_WrapRecord(&header, &header);
     tf_AppendRecord(tf, &header);
 
-    appendAddressRecord(tf, TFREC_ORIGINATOR, 36, spec.originator);
-    for (const std::string& recipient : spec.recipients)
+    appendAddressRecord(tf, TFREC_ORIGINATOR, 36, received.originator);
+    for (const std::string& recipient : received.recipients)
         appendAddressRecord(tf, TFREC_RECIPIENT, 24, recipient);
     // Sizes stay 0: Msg_Save takes them from the parts.
     appendContentFile(tf, TF_CONTENT_TEXT, "BDY.TXT");
-    appendContentFile(tf, TF_CONTENT_TNEF, spec.tnefName);
+    appendContentFile(tf, TF_CONTENT_TNEF, received.tnefName);
 }
 
 }  // namespace
 
-int16_t Msg_BuildReceived(const ReceivedMessage& spec, int16_t* messageFile) {
+int16_t Msg_BuildReceived(const ReceivedMessage& received, int16_t* messageFile) {
     MsgOwner msg(Msg_Create());
     try {
         attachNewItem(msg.get(), [&](int fd) {
-            os_write(fd, spec.bodyText.data(), static_cast<int64_t>(spec.bodyText.size()));
+            os_write(fd, received.bodyText.data(), static_cast<int64_t>(received.bodyText.size()));
         });
         attachNewItem(msg.get(), [&](int fd) {
-            if (!spec.tnefPath.empty())
-                copyFile(spec.tnefPath, fd);
+            if (!received.tnefPath.empty())
+                copyFile(received.tnefPath, fd);
             else
-                os_write(fd, spec.tnefBytes.data(), static_cast<int64_t>(spec.tnefBytes.size()));
+                os_write(fd, received.tnefBytes.data(), static_cast<int64_t>(received.tnefBytes.size()));
         });
         TfFileOwner tf(tf_CreateFile());
         tf.discardItem();
-        appendRecords(tf.get(), spec);
+        appendRecords(tf.get(), received);
         Msg_Save(msg.get(), tf.get());
         tf_UnreadFile(tf.get());
         *messageFile = tf.release();

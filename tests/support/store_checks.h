@@ -1,5 +1,5 @@
-// Small checks the store's tests share: open descriptors, folder listings, whole message
-// files, and a system-call table whose n-th write fails.
+// Small checks the store's tests share: open descriptors, folder listings, the records of a
+// message file, and a system-call table whose writes fail from the n-th on.
 #pragma once
 
 #include <dirent.h>
@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 
@@ -25,53 +26,61 @@ inline int openFdCount() {
     return count;
 }
 
-// Names in a folder, sorted, without "." and ".."; empty when the folder does not exist.
+// Names in a folder, sorted; empty when the folder does not exist.
 inline std::vector<std::string> filesIn(const std::string& folder) {
     std::vector<std::string> names;
     if (DIR* dir = ::opendir(folder.c_str())) {
-        while (const dirent* e = ::readdir(dir)) {
-            const std::string name = e->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
+        while (const dirent* e = ::readdir(dir))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                names.emplace_back(e->d_name);
         ::closedir(dir);
     }
     std::sort(names.begin(), names.end());
     return names;
 }
 
-// Every record of the message file from the first, as byte strings of their lengths.
-inline std::vector<std::string> recordsOf(int16_t tf) {
-    std::vector<std::string> records;
+// Every record from the first; the file is left rewound.
+inline std::vector<TFREC> recordsOf(int16_t tf) {
+    std::vector<TFREC> records;
     tf_UnreadFile(tf);
-    TFREC record;
-    while (tf_ReadRecord(tf, &record) != 0)
-        records.emplace_back(reinterpret_cast<const char*>(record.bytes), tf_GetLength(&record));
+    for (TFREC r; tf_ReadRecord(tf, &r) != 0;) records.push_back(r);
     tf_UnreadFile(tf);
     return records;
 }
 
 inline std::vector<uint32_t> typesOf(int16_t tf) {
     std::vector<uint32_t> types;
-    for (const std::string& r : recordsOf(tf)) {
-        TFREC record;
-        std::memcpy(record.bytes, r.data(), r.size());
-        types.push_back(tf_GetType(&record));
-    }
+    for (const TFREC& r : recordsOf(tf)) types.push_back(tf_GetType(&r));
     return types;
+}
+
+inline std::string bytesOf(const TFREC& r) {
+    return std::string(reinterpret_cast<const char*>(r.bytes), tf_GetLength(&r));
 }
 
 // A record of the type, length bytes long, its fields filled with fill.
 inline TFREC makeRecord(uint32_t type, uint32_t length, unsigned char fill) {
-    TFREC record;
-    tf_InitRecord(&record, type);
-    std::memset(record.bytes + TF_RECORD_HEADER, fill, length - TF_RECORD_HEADER);
-    record.bytes[0] = static_cast<unsigned char>(length);
-    record.bytes[1] = static_cast<unsigned char>(length >> 8);
-    return record;
+    TFREC r;
+    tf_InitRecord(&r, type);
+    std::memset(r.bytes + TF_RECORD_HEADER, fill, length - TF_RECORD_HEADER);
+    r.bytes[0] = static_cast<unsigned char>(length);
+    r.bytes[1] = static_cast<unsigned char>(length >> 8);
+    return r;
 }
 
-// Makes the write with the given number (1 = the next one) and every later one fail with
-// ENOSPC, as a full disk would, until it goes out of scope.
+template <typename F>
+Escape escapeOf(F work) {
+    try {
+        work();
+    } catch (const Escape& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no escape";
+    return Escape(0, 0, "none", 0);
+}
+
+// Makes write number failFrom (1 = the next one) and every later one fail with ENOSPC, as a
+// full disk would, while it is in scope.
 class FailingWrites {
 public:
     explicit FailingWrites(int failFrom) {
@@ -79,11 +88,9 @@ public:
         seen_ = 0;
         calls_ = os_GetSysCalls();
         calls_.write = [](int fd, const void* buffer, size_t count) -> ssize_t {
-            if (++seen_ >= failFrom_) {
-                errno = ENOSPC;
-                return -1;
-            }
-            return ::write(fd, buffer, count);
+            if (++seen_ < failFrom_) return ::write(fd, buffer, count);
+            errno = ENOSPC;
+            return -1;
         };
         os_SetSysCalls(&calls_);
     }

@@ -29,4 +29,4 @@ struct ReceivedMessage {
 // a copy of its message file (a data item of its own), as the decoder receives it. The
 // caller closes both (and may remove the copy's item). Nothing stays behind when an escape
 // passes: no half-built message, no item, no open handle.
-int16_t Msg_BuildReceived(const ReceivedMessage& spec, int16_t* messageFile);
+int16_t Msg_BuildReceived(const ReceivedMessage& received, int16_t* messageFile);
