@@ -41,15 +41,15 @@ struct Decoded {
     uint16_t receipt = 0;
     uint32_t reply = 0;
     std::string dump;
-    std::vector<std::string> parts;  // bytes of parts 3, 4, ... (1 and 2 are body and TNEF)
+    std::vector<std::string> parts;  // attachment bytes, from the third part on (the first two are the body and the TNEF file)
     long newItems = 0;               // data items the decode left, beyond the new message file
 };
 
 Decoded decode(const TestHome& home, const std::string& tnef, uint32_t suppress = 0) {
-    ReceivedMessage spec;
-    spec.tnefBytes = tnef;
+    ReceivedMessage received;
+    received.tnefBytes = tnef;
     Decoded d;
-    d.message = Msg_BuildReceived(spec, &d.messageFile);
+    d.message = Msg_BuildReceived(received, &d.messageFile);
     home.write("tmp/winmail.dat", tnef);
     const std::string path = home.file("tmp/winmail.dat");
     const long before = static_cast<long>(countFiles(home.file("store/items")));
@@ -160,9 +160,9 @@ TEST(Decode, OverlongRecordsEscapeAndLeaveTheStoreAsItWas) {
     for (const std::string& bad :
          {Stream().header().tnefVersion().record(1, 0x0002800C, std::string(4081, 'b')).bytes(),
           Stream().header().record(1, 0x00040009, "\x01\x00\x00"s).bytes()}) {
-        ReceivedMessage spec;
+        ReceivedMessage received;
         int16_t tf = 0;
-        const int16_t msg = Msg_BuildReceived(spec, &tf);
+        const int16_t msg = Msg_BuildReceived(received, &tf);
         const std::string before = tf_DumpFile(tf);
         const size_t tempBefore = countFiles(home.file("tmp/items"));
         const size_t itemsBefore = countFiles(home.file("store/items"));
@@ -229,9 +229,9 @@ TEST(Decode, EveryCorpusFileDecodesOrEscapesCleanly) {
     if (corpus.empty()) GTEST_SKIP() << "no ../shared/corpus beside this checkout";
     TestHome home;
     for (const auto& entry : fs::directory_iterator(corpus + "/files")) {
-        ReceivedMessage spec;
+        ReceivedMessage received;
         int16_t tf = 0;
-        const int16_t msg = Msg_BuildReceived(spec, &tf);
+        const int16_t msg = Msg_BuildReceived(received, &tf);
         uint16_t receipt = 0;
         uint32_t reply = 0;
         const int16_t received = tf;
