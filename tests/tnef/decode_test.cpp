@@ -234,14 +234,14 @@ TEST(Decode, EveryCorpusFileDecodesOrEscapesCleanly) {
         const int16_t msg = Msg_BuildReceived(received, &tf);
         uint16_t receipt = 0;
         uint32_t reply = 0;
-        const int16_t received = tf;
+        const int16_t receivedFile = tf;
         try {
             tnef_Decode(msg, &tf, entry.path().c_str(), &receipt, &reply, 0, 0);
         } catch (const Escape& e) {
             // Only the codec's own escapes for bad input are expected.
             EXPECT_EQ(e.group, 102) << entry.path().filename() << ": " << e.what();
         }
-        if (tf != received) tf_CloseFile(received);
+        if (tf != receivedFile) tf_CloseFile(receivedFile);
         tf_CloseFile(tf);
         Msg_Close(msg);
         EXPECT_EQ(countFiles(home.file("tmp/items")), 0u) << entry.path().filename();
