@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tnef/platform/er_escape.h"
@@ -76,12 +77,6 @@ struct Entry {
     Guid set{};
 };
 
-struct ParsedText {
-    std::vector<Entry> entries;
-    bool tailKnown = false;  // the set in effect after the last entry
-    Guid tailSet{};
-};
-
 bool decodeGuid(std::string_view value, Guid& set) {
     dstring bytes;
     mapi_BlobDecodeToDstring(value.data(), value.size(), &bytes);
@@ -90,8 +85,18 @@ bool decodeGuid(std::string_view value, Guid& set) {
     return true;
 }
 
-ParsedText parseText(std::string_view text) {
-    ParsedText parsed;
+// The property set in effect after the entries walked so far.
+struct SetState {
+    bool known = false;
+    Guid set{};
+};
+
+// Calls visit(entry) for each entry in order, keeping none of them, so a text of a million
+// tiny entries costs no more memory than one. visit returns false to stop. Returns the set in
+// effect after the last entry walked.
+template <class Visit>
+SetState walkText(std::string_view text, Visit&& visit) {
+    SetState state;
     size_t at = 0;
     while (at < text.size()) {
         Entry e;
@@ -107,15 +112,15 @@ ParsedText parseText(std::string_view text) {
         if (e.key.kind == KeyKind::Set) {
             // A set entry that does not hold 16 bytes leaves the entries after it with no set
             // we can tell, rather than with the previous one.
-            parsed.tailKnown = e.hasValue && decodeGuid(text.substr(e.valueAt, e.end - e.valueAt),
-                                                        parsed.tailSet);
+            state.known = e.hasValue &&
+                          decodeGuid(text.substr(e.valueAt, e.end - e.valueAt), state.set);
         }
-        e.setKnown = parsed.tailKnown;
-        e.set = parsed.tailSet;
-        parsed.entries.push_back(e);
+        e.setKnown = state.known;
+        e.set = state.set;
+        if (!visit(e)) break;
         at = e.next;
     }
-    return parsed;
+    return state;
 }
 
 // What an identifier names, in the terms of a parsed text.
@@ -200,19 +205,17 @@ std::string bareKey(const BV_MAPI_PROP_ID* id, const Target& t) {
 char* lookup(const char* text, const Target& t, uint16_t* typeOut, uint16_t preferred) {
     if (text == nullptr) return nullptr;
     const std::string_view view(text);
-    const ParsedText parsed = parseText(view);
-    const Entry* found = nullptr;
-    for (const Entry& e : parsed.entries) {
-        if (!matches(e, t)) continue;
-        if (found == nullptr) found = &e;
-        if (preferred == 0 || e.key.type == preferred) {
-            found = &e;
-            break;
-        }
-    }
-    if (found == nullptr) return nullptr;
-    if (typeOut != nullptr) *typeOut = found->key.type;
-    const std::string_view value = valueOf(view, *found);
+    bool found = false;
+    Entry hit;
+    walkText(view, [&](const Entry& e) {
+        if (!matches(e, t)) return true;
+        if (!found || preferred == 0 || e.key.type == preferred) hit = e;
+        found = true;
+        return preferred != 0 && e.key.type != preferred;
+    });
+    if (!found) return nullptr;
+    if (typeOut != nullptr) *typeOut = hit.key.type;
+    const std::string_view value = valueOf(view, hit);
     return mapi_DupText(value.data(), value.size());
 }
 
@@ -323,34 +326,43 @@ bool mapi_replacePropInBlobD(dstring* text, const BV_MAPI_PROP_ID* id, const cha
     entry.push_back(BLOB_VALUE_SEP);
     entry.append(value);
 
-    const ParsedText parsed = parseText(s);
-    std::vector<const Entry*> found;
-    for (const Entry& e : parsed.entries)
-        if (matches(e, t)) found.push_back(&e);
+    // One walk: the entries for the property, the end of the last set entry for its set, and
+    // the set the text ends in.
+    bool found = false;
+    Entry first;
+    std::vector<std::pair<size_t, size_t>> duplicates;  // [begin, next) of later entries
+    size_t afterSetEntry = std::string::npos;
+    const SetState tail = walkText(s, [&](const Entry& e) {
+        if (matches(e, t)) {
+            if (!found) first = e;
+            else duplicates.emplace_back(e.begin, e.next);
+            found = true;
+        }
+        if (t.named && e.key.kind == KeyKind::Set && e.setKnown && e.set == t.set)
+            afterSetEntry = e.next;
+        return true;
+    });
 
-    if (!found.empty()) {
+    if (found) {
         // Later duplicates go first, so the first entry's offsets stay valid.
-        for (size_t i = found.size(); i-- > 1;)
-            s.erase(found[i]->begin, found[i]->next - found[i]->begin);
-        s.replace(found[0]->begin, found[0]->end - found[0]->begin, entry);
+        for (auto d = duplicates.rbegin(); d != duplicates.rend(); ++d)
+            s.erase(d->first, d->second - d->first);
+        s.replace(first.begin, first.end - first.begin, entry);
         return true;
     }
 
     entry.push_back(BLOB_ENTRY_SEP);
-    if (t.named && !(parsed.tailKnown && parsed.tailSet == t.set)) {
-        const Entry* lastSetEntry = nullptr;
-        for (const Entry& e : parsed.entries)
-            if (e.key.kind == KeyKind::Set && e.setKnown && e.set == t.set) lastSetEntry = &e;
-        if (lastSetEntry != nullptr) {
+    if (t.named && !(tail.known && tail.set == t.set)) {
+        if (afterSetEntry != std::string::npos) {
             // Not the text's last entry (else the text would end in the set): it has its 0x1E.
-            s.insert(lastSetEntry->next, entry);
+            s.insert(afterSetEntry, entry);
             return true;
         }
-        std::string tail;
-        appendSetEntry(tail, t.set);
-        tail.append(entry);
-        if (parsed.tailKnown) appendSetEntry(tail, parsed.tailSet);
-        entry = tail;
+        std::string added;
+        appendSetEntry(added, t.set);
+        added.append(entry);
+        if (tail.known) appendSetEntry(added, tail.set);
+        entry = added;
     }
     if (!s.empty() && s.back() != BLOB_ENTRY_SEP) s.push_back(BLOB_ENTRY_SEP);
     s.append(entry);
