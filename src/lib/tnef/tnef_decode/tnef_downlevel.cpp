@@ -81,6 +81,9 @@ int tnef_ParseDownLevelMAPIProps(int tnefFd, dstring* mainText, dstring* seconda
                                  ItemRef* objectItem) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_ParseDownLevelMAPIProps");
     int result = 0;
+    // As for a message's texts: an empty text always opens with a set entry.
+    if (dstring_length(mainText) == 0) tnefLastSetAttachMain = TNEF_UNSET_SLOT;
+    if (dstring_length(secondaryText) == 0) tnefLastSetAttachSecondary = TNEF_UNSET_SLOT;
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
     uint32_t count = 0;
     tnef_ReadU32(tnefFd, &count);

@@ -17,8 +17,8 @@
 #include "tnef_propstream.h"
 
 namespace {
-constexpr TnefGuid kUnsetSlot = {0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20,
-                                 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20};
+// What a slot holds before any set entry was written: matches no property set.
+constexpr const TnefGuid& kUnsetSlot = TNEF_UNSET_SLOT;
 }  // namespace
 
 TnefGuid tnefLastSetMsgMain = kUnsetSlot;
@@ -392,6 +392,11 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
                               deferredTime, deferredCompanion, expiryTime,     expiryCompanion,
                               creationTime, creationCompanion, submissionId,   senderAddress,
                               autoForwarded};
+    // A text that is still empty opens its first named property with a set entry, whatever
+    // an earlier message left in the slot: the lookups of the calendar augmentation and of the
+    // encoder can only place a named entry by a set entry in the same text.
+    if (dstring_length(mainText) == 0) tnefLastSetMsgMain = kUnsetSlot;
+    if (dstring_length(secondaryText) == 0) tnefLastSetMsgSecondary = kUnsetSlot;
     uint32_t attrLength = 0;
     tnef_ReadU32(tnefFd, &attrLength);
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;

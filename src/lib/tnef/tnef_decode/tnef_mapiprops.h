@@ -8,8 +8,11 @@
 
 // The last property set written to each kind of property text: a set entry is written only
 // when a named property's set differs from the slot. Initialised to sixteen spaces when the
-// library loads and never reset, so they carry over from one list, message and decode to the
-// next in the process.
+// library loads; they carry over from one list, message and decode to the next in the
+// process, except that a text that is still empty starts from sixteen spaces again, so every
+// text names the set of its first named property.
+inline constexpr TnefGuid TNEF_UNSET_SLOT = {0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20,
+                                             0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20};
 extern TnefGuid tnefLastSetMsgMain;
 extern TnefGuid tnefLastSetMsgSecondary;
 extern TnefGuid tnefLastSetAttachMain;
