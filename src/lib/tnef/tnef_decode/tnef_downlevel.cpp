@@ -87,7 +87,6 @@ int tnef_ParseDownLevelMAPIProps(int tnefFd, dstring* mainText, dstring* seconda
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
     uint32_t count = 0;
     tnef_ReadU32(tnefFd, &count);
-    std::array<uint8_t, TNEF_TEXT_CAPACITY> name;
     // The attached object's item is removed again if an escape ends the list.
     std::optional<ImItemOwner> object;
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
@@ -101,23 +100,10 @@ int tnef_ParseDownLevelMAPIProps(int tnefFd, dstring* mainText, dstring* seconda
             ItemRef ref{};
             result = copyAttachedObject(tnefFd, end, objectFileName, &ref);
             object.emplace(ref);
-        } else if (!tnef_IsNamedPropId(PROP_ID(tag))) {
-            dstring* text =
-                tnef_RoutePlainProp(tag) == TnefPropRoute::Secondary ? secondaryText : mainText;
-            tnef_AddToMAPIProps(attachPropFd, tnefFd, tag, text, nullptr, nullptr, 0, 0, nullptr,
-                                0, attrLength);
-        } else {
-            TnefGuid set;
-            uint32_t kind = 0;
-            uint32_t lid = 0;
-            uint32_t nameLength = 0;
-            if (!tnef_ReadNamedHeader(tnefFd, set, kind, lid, name.data(), nameLength)) break;
-            const bool secondary = tnef_RouteNamedProp(set, kind, lid, name.data(), nameLength) ==
-                                   TnefPropRoute::Secondary;
-            tnef_AddToMAPIProps(
-                attachPropFd, tnefFd, tag, secondary ? secondaryText : mainText, set.data(),
-                secondary ? tnefLastSetAttachSecondary.data() : tnefLastSetAttachMain.data(), kind,
-                lid, name.data(), nameLength, attrLength);
+        } else if (!tnef_AddRoutedProp(attachPropFd, tnefFd, tag, mainText, secondaryText,
+                                       tnefLastSetAttachMain.data(),
+                                       tnefLastSetAttachSecondary.data(), attrLength)) {
+            break;
         }
     }
     if (object) {

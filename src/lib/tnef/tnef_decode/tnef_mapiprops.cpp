@@ -295,6 +295,30 @@ TnefPropRoute tnef_RouteNamedProp(const TnefGuid& set, uint32_t kind, uint32_t l
     return set == PSETID_Common && commonSecondary ? TnefPropRoute::Secondary : TnefPropRoute::Main;
 }
 
+bool tnef_AddRoutedProp(int objectFd, int tnefFd, uint32_t tag, dstring* mainText,
+                        dstring* secondaryText, uint8_t* mainSlot, uint8_t* secondarySlot,
+                        uint32_t attrLength) {
+    if (!tnef_IsNamedPropId(PROP_ID(tag))) {
+        dstring* text =
+            tnef_RoutePlainProp(tag) == TnefPropRoute::Secondary ? secondaryText : mainText;
+        tnef_AddToMAPIProps(objectFd, tnefFd, tag, text, nullptr, nullptr, 0, 0, nullptr, 0,
+                            attrLength);
+        return true;
+    }
+    std::array<uint8_t, TNEF_TEXT_CAPACITY> name;
+    TnefGuid set;
+    uint32_t kind = 0;
+    uint32_t lid = 0;
+    uint32_t nameLength = 0;
+    if (!tnef_ReadNamedHeader(tnefFd, set, kind, lid, name.data(), nameLength)) return false;
+    const bool secondary =
+        tnef_RouteNamedProp(set, kind, lid, name.data(), nameLength) == TnefPropRoute::Secondary;
+    tnef_AddToMAPIProps(objectFd, tnefFd, tag, secondary ? secondaryText : mainText, set.data(),
+                        secondary ? secondarySlot : mainSlot, kind, lid, name.data(), nameLength,
+                        attrLength);
+    return true;
+}
+
 bool tnef_ReadNamedHeader(int tnefFd, TnefGuid& set, uint32_t& kind, uint32_t& lid,
                           uint8_t* nameBuffer, uint32_t& nameLength) {
     set.fill(0);
@@ -403,7 +427,6 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
     uint32_t count = 0;
     tnef_ReadU32(tnefFd, &count);
 
-    std::array<uint8_t, TNEF_TEXT_CAPACITY> name;
     // The list ends at its count, at the end of the stream, or where the attribute ends: a
     // count larger than the attribute holds would otherwise read the records after it.
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
@@ -413,22 +436,10 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
         if (isSecondaryPlainTag(tag)) {
             tnef_AddToMAPIProps(objectFd, tnefFd, tag, secondaryText, nullptr, nullptr, 0, 0,
                                 nullptr, 0, attrLength);
-        } else if (!tnef_IsNamedPropId(PROP_ID(tag))) {
-            dstring* text = tnef_RoutePlainProp(tag) == TnefPropRoute::Secondary ? secondaryText : mainText;
-            tnef_AddToMAPIProps(objectFd, tnefFd, tag, text, nullptr, nullptr, 0, 0, nullptr, 0,
-                                attrLength);
-        } else {
-            TnefGuid set;
-            uint32_t kind = 0;
-            uint32_t lid = 0;
-            uint32_t nameLength = 0;
-            if (!tnef_ReadNamedHeader(tnefFd, set, kind, lid, name.data(), nameLength)) break;
-            const bool secondary = tnef_RouteNamedProp(set, kind, lid, name.data(), nameLength) ==
-                                   TnefPropRoute::Secondary;
-            tnef_AddToMAPIProps(objectFd, tnefFd, tag, secondary ? secondaryText : mainText,
-                                set.data(),
-                                secondary ? tnefLastSetMsgSecondary.data() : tnefLastSetMsgMain.data(),
-                                kind, lid, name.data(), nameLength, attrLength);
+        } else if (!tnef_AddRoutedProp(objectFd, tnefFd, tag, mainText, secondaryText,
+                                       tnefLastSetMsgMain.data(), tnefLastSetMsgSecondary.data(),
+                                       attrLength)) {
+            break;
         }
     }
     os_lseek64(tnefFd, end, 0);

@@ -53,6 +53,13 @@ TnefPropRoute tnef_RoutePlainProp(uint32_t tag);
 TnefPropRoute tnef_RouteNamedProp(const TnefGuid& set, uint32_t kind, uint32_t lid,
                                   const uint8_t* name, uint32_t nameLength);
 
+// Routes one plain or named property of a list (stream just after its tag) to the main or
+// secondary text and reads it with tnef_AddToMAPIProps; the slots are those of the two texts.
+// False when the stream ended inside a named property's header.
+bool tnef_AddRoutedProp(int objectFd, int tnefFd, uint32_t tag, dstring* mainText,
+                        dstring* secondaryText, uint8_t* mainSlot, uint8_t* secondarySlot,
+                        uint32_t attrLength);
+
 // Reads a named property's header after its tag (set, kind, numeric name or string name,
 // not the name's padding) from the stream; the name goes into nameBuffer (capacity
 // TNEF_TEXT_CAPACITY, escape 102/1546 when longer). False when the stream ended.
