@@ -86,6 +86,42 @@ void tnef_AddMAPINamedPropsAttr(int fd, const void* name, int32_t nameLength, ui
 void tnef_UpdateMAPIPropsData(int fd, uint32_t valueCount, int32_t length, const void* value,
                               int fixedSize);
 
+// ---- Encoding ------------------------------------------------------------------------------
+
+// Writes the message held in the message file messageFile (of message messageId) as a TNEF
+// stream to outFd, which is empty and open for reading, writing and seeking. *resultWord is
+// set to 0. Returns 0 when nothing is to be sent (no content for a TNEF, or the stream is to
+// be dropped), 1 otherwise. Escapes from a body part's content are accepted and the part is
+// skipped; others (102/1531 for an object file that is not TNEF, 100/errno) reach the caller.
+int tnef_Encode(int16_t messageFile, int outFd, uint32_t reserved, uint32_t* resultWord,
+                int16_t messageId);
+
+// Writes every property of a stored property text (length bytes, NUL-terminated) as
+// attMAPIProps records to outFd. The text is changed in place (separators become NUL).
+void tnef_ParseData(int outFd, char* text, uint32_t length);
+
+// Copies the object file on objectFd to outFd, without the stream header and the leading
+// attTnefVersion and attOemCodepage records (which tnef_SetOemCodePage already wrote).
+void tnef_ParseObject(int outFd, int objectFd, uint32_t objectSize);
+
+// ---- Scanning ------------------------------------------------------------------------------
+
+// One per attAttachment record of a scanned file, linked in stream order.
+struct TnefAttachScan {
+    TnefAttachScan* next;
+    uint32_t hasData;    // 1 when PR_ATTACH_DATA_OBJ or PR_ATTACH_DATA_BIN is present
+    char* longFileName;  // PR_ATTACH_LONG_FILENAME (else the transport name or title), or null
+    char* fileName;      // PR_ATTACH_FILENAME, or null
+};
+
+// Walks the TNEF file on fd attribute by attribute and returns 1 when an attribute id or
+// property tag equals wantedTag, else 0. Appends one attachment scan record per attAttachment
+// to *list (the caller frees it with tnef_FreeScanList). Writes a line per attribute to
+// TraceF when "~/tmp/tnefout.log" exists. The file is left at offset 0.
+int tnef_ScanTnef(int fd, uint32_t wantedTag, TnefAttachScan** list);
+// Frees every record of the list and its names, and sets *list to null.
+void tnef_FreeScanList(TnefAttachScan** list);
+
 // ---- Property extraction -------------------------------------------------------------------
 
 // Walks the TNEF file on fd and returns, as property blob text, the requested property or
