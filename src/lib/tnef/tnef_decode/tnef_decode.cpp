@@ -113,6 +113,7 @@ void tnef_ParseTNEF(int objectFd, int tnefFd, dstring* mainText, dstring* second
                     int16_t message, int16_t messageFile, uint32_t codePage,
                     uint32_t* autoForwarded, uint32_t* recurrence) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_ParseTNEF");
+    tnef_ForgetSetSlots();
     const TopOuts out{messageClass,  priority,     subject,        replyRequested, importance,
                       sensitivity,   deliveryReport, readReceipt,  deferredTime,
                       deferredCompanion, expiryTime, expiryCompanion, autoForwarded, recurrence};

@@ -26,6 +26,13 @@ TnefGuid tnefLastSetMsgSecondary = kUnsetSlot;
 TnefGuid tnefLastSetAttachMain = kUnsetSlot;
 TnefGuid tnefLastSetAttachSecondary = kUnsetSlot;
 
+void tnef_ForgetSetSlots() {
+    tnefLastSetMsgMain = kUnsetSlot;
+    tnefLastSetMsgSecondary = kUnsetSlot;
+    tnefLastSetAttachMain = kUnsetSlot;
+    tnefLastSetAttachSecondary = kUnsetSlot;
+}
+
 namespace {
 
 // ---- Stream reads --------------------------------------------------------------------------

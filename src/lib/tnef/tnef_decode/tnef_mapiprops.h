@@ -8,15 +8,29 @@
 
 // The last property set written to each kind of property text: a set entry is written only
 // when a named property's set differs from the slot. Initialised to sixteen spaces when the
-// library loads; they carry over from one list, message and decode to the next in the
-// process, except that a text that is still empty starts from sixteen spaces again, so every
-// text names the set of its first named property.
+// library loads. A slot stands for one text at a time, so it is forgotten (back to sixteen
+// spaces) whenever it may stand for another: when a text is still empty, when a decode
+// starts, and when an embedded message starts and ends (its properties go to the attachment's
+// texts). Forgetting costs at most a repeated set entry; keeping a stale slot would leave a
+// named property without its set.
 inline constexpr TnefGuid TNEF_UNSET_SLOT = {0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20,
                                              0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20};
 extern TnefGuid tnefLastSetMsgMain;
 extern TnefGuid tnefLastSetMsgSecondary;
 extern TnefGuid tnefLastSetAttachMain;
 extern TnefGuid tnefLastSetAttachSecondary;
+
+// Sets all four slots back to sixteen spaces.
+void tnef_ForgetSetSlots();
+
+// Forgets the slots when it begins and when it ends, however it ends.
+class TnefSlotsForgotten {
+public:
+    TnefSlotsForgotten() { tnef_ForgetSetSlots(); }
+    ~TnefSlotsForgotten() { tnef_ForgetSetSlots(); }
+    TnefSlotsForgotten(const TnefSlotsForgotten&) = delete;
+    TnefSlotsForgotten& operator=(const TnefSlotsForgotten&) = delete;
+};
 
 // Limits of the property decoder.
 inline constexpr uint32_t TNEF_VALUE_INLINE_MAX = 512;   // longer values go to the object file

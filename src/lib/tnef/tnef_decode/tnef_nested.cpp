@@ -177,6 +177,7 @@ void appendPackage(int16_t messageFile, Nested& n) {
 void tnef_ParseNestedTNEF(int streamFd, int16_t messageFile, int16_t message, int attachPropFd,
                           dstring* mainText, dstring* secondaryText, uint32_t codePage) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_ParseNestedTNEF");
+    const TnefSlotsForgotten slots;
     ItemRef objectRef{};
     OsFd object(im_CrNewTempItem(&objectRef));
     ImItemOwner objectItem(objectRef);

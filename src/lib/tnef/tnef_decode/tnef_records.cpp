@@ -172,7 +172,6 @@ void tnef_AppendContentFile(int16_t tf, uint32_t contentType, const char* partNa
 
 bool tnef_TakeAidOwner(int tnefFd, dstring* secondaryText) {
     // attAidOwner travels as PR_OWNER_APPT_ID.
-    constexpr uint32_t PR_OWNER_APPT_ID = 0x00620003;
     tnef_AppendHexKey(secondaryText, PR_OWNER_APPT_ID);
     uint32_t length = 0;
     if (!tnef_ReadU32(tnefFd, &length)) return false;
