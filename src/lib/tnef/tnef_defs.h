@@ -137,3 +137,4 @@ inline constexpr const char* TNEF_UNIT_SCAN = "src/lib/tnef/tnef_scan";
 // Trace classes.
 inline constexpr int TNEF_TRACE_CLASS = 15;
 inline constexpr int TNEF_TRACE_CLASS_PROP = 17;
+inline constexpr int TNEF_TRACE_CLASS_SCAN = 17;
