@@ -39,6 +39,9 @@ int Msg_OpenHandleCount();
 
 // Hard-links the item into the message as its next part and returns the part's number.
 int Msg_AttachFile(int16_t msg, const ItemRef& ref);
+// Removes the message's link to its last part, which must be part n (parts stay without
+// gaps). Raises 103/5 when part n is not the last part; the item itself stays.
+void Msg_DetachFile(int16_t msg, uint32_t partNumber);
 // The reference of part n. Raises 103/5 when the message has no such part.
 void Msg_GetAttachedFile(int16_t msg, ItemRef* ref, uint32_t partNumber);
 // Number of parts (1 to n, without gaps).

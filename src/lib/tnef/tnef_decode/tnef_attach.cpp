@@ -13,6 +13,8 @@
 #include "tnef_decode/tnef_parse.h"
 #include "tnef_defs.h"
 
+std::vector<TnefLinkedPart> tnefLinkedParts;
+
 int16_t TnefGroupFile::get() {
     if (existing_ != 0) return existing_;
     if (!owner_) {
@@ -26,7 +28,10 @@ void tnef_CompleteAttachment(TnefAttachState& st, const TnefAttachTarget& target
     const char* name = dstring_str(&st.name);
     tnef_AppendContentFile(target.content->get(), TF_CONTENT_FILE, "", name, name);
     if (st.data.item) {
-        Msg_AttachFile(target.message, st.data.item->ref());
+        const ItemRef ref = st.data.item->ref();
+        tnefLinkedParts.reserve(tnefLinkedParts.size() + 1);
+        const int part = Msg_AttachFile(target.message, ref);
+        tnefLinkedParts.push_back({target.message, static_cast<uint32_t>(part), ref});
         st.data.item->release();
         st.data.item.reset();
     }
@@ -37,12 +42,26 @@ void tnef_CompleteAttachment(TnefAttachState& st, const TnefAttachTarget& target
     }
 }
 
+namespace {
+
+// Whether the stream still holds length data bytes and the checksum: nothing is taken from a
+// record that the end of the stream cuts short.
+bool restIsWhole(int tnefFd, uint32_t length) {
+    const int64_t size = os_fsize(tnefFd);
+    return size < 0 || os_lseek64(tnefFd, 0, 1) + static_cast<int64_t>(length) + 2 <= size;
+}
+
+}  // namespace
+
 bool tnef_TakeAttachData(TnefAttachState& st, const TnefAttachTarget& target) {
     uint32_t length = 0;
-    if (!tnef_ReadU32(target.tnefFd, &length)) return false;
+    if (!tnef_ReadU32(target.tnefFd, &length) || !restIsWhole(target.tnefFd, length)) return false;
     // A new data item replaces (and removes) one that never found its properties.
     tnef_StreamToDataItem(target.tnefFd, length, &st.data);
-    // Data cut short by the end of the stream is still kept: what arrived is not lost.
+    if (!st.data.complete) {
+        st.data.item.reset();
+        return false;
+    }
     st.dataReady = 1;
     if (tnef_IsEmbeddedMarker(st.data)) {
         // The embedded message itself arrives in attAttachment.
@@ -96,7 +115,7 @@ bool tnef_TakeAttachment(TnefAttachState& st, const TnefAttachTarget& target,
     *fileAttachment = false;
     const int64_t lengthPos = os_lseek64(target.tnefFd, 0, 1);
     uint32_t length = 0;
-    if (!tnef_ReadU32(target.tnefFd, &length)) return false;
+    if (!tnef_ReadU32(target.tnefFd, &length) || !restIsWhole(target.tnefFd, length)) return false;
     const int64_t checksumPos = lengthPos + 4 + length;
 
     ItemRef propRef{};

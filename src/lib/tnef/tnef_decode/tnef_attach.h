@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/im_items.h"
@@ -26,6 +27,15 @@ private:
     int16_t existing_ = 0;
     std::optional<TfFileOwner> owner_;
 };
+
+// The parts the decode under way linked to its message, in order, so that an escape can take
+// them back (tnef_Decode clears it at the start and rolls it back on an escape).
+struct TnefLinkedPart {
+    int16_t message;
+    uint32_t part;
+    ItemRef ref;
+};
+extern std::vector<TnefLinkedPart> tnefLinkedParts;
 
 struct TnefAttachState {
     int extract = 0;         // set by attAttachRenddata: 0 keeps the attachment's records whole

@@ -1,12 +1,14 @@
 #include <fcntl.h>
 
 #include <array>
+#include <exception>
 #include <cstring>
 #include <string>
 
 #include "tnef/platform/cust_flags.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/im_items.h"
+#include "tnef/platform/msg_store.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 #include "tnef/tnef.h"
@@ -102,6 +104,31 @@ bool isAttachmentAttribute(uint32_t id) {
     return id == attAttachData || id == attAttachMetaFile || id == attAttachTransportFilename ||
            id == attAttachCreateDate || id == attAttachModifyDate || id == attAttachment;
 }
+
+// Takes back, when an escape ends the decode, the parts it linked to the message and the
+// names of their data items, last first, so the store is as the decode found it.
+class LinkedPartsRollback {
+public:
+    LinkedPartsRollback() : escapes_(std::uncaught_exceptions()) { tnefLinkedParts.clear(); }
+    ~LinkedPartsRollback() {
+        if (std::uncaught_exceptions() > escapes_) {
+            for (auto it = tnefLinkedParts.rbegin(); it != tnefLinkedParts.rend(); ++it) {
+                try {
+                    Msg_DetachFile(it->message, it->part);
+                    im_UnlinkItem(it->ref);
+                } catch (const Escape&) {
+                    // The escape in flight is the one the caller gets.
+                }
+            }
+        }
+        tnefLinkedParts.clear();
+    }
+    LinkedPartsRollback(const LinkedPartsRollback&) = delete;
+    LinkedPartsRollback& operator=(const LinkedPartsRollback&) = delete;
+
+private:
+    int escapes_;
+};
 
 }  // namespace
 
@@ -223,6 +250,7 @@ void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16
     tnefSuppressMapiData = static_cast<int>(suppressMapiData);
     OsFd tnef(os_open(path, O_RDONLY, 0));
 
+    const LinkedPartsRollback rollback;
     ItemRef objectRef{};
     uint32_t kind = 0;
     os_close(im_CrNewDataItem(&kind, &objectRef));
