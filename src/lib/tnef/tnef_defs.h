@@ -96,6 +96,7 @@ inline constexpr uint32_t PR_REPLY_REQUESTED = 0x0C17000B;
 inline constexpr uint32_t PR_SENDER_EMAIL_ADDRESS = 0x0C1F001E;
 inline constexpr uint32_t PR_MESSAGE_RECIPIENTS = 0x0E12000D;
 inline constexpr uint32_t PR_MESSAGE_ATTACHMENTS = 0x0E13000D;
+inline constexpr uint32_t PR_RECORD_KEY = 0x0FF90102;
 inline constexpr uint32_t PR_RTF_SYNC_BODY_CRC = 0x10060003;
 inline constexpr uint32_t PR_RTF_SYNC_BODY_COUNT = 0x10070003;
 inline constexpr uint32_t PR_RTF_SYNC_BODY_TAG = 0x1008001E;

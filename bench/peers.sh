@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# Times `tnef extract` (and `tnef decode`) against the two peer extractors from Debian's
+# archive and against `cp` of the same bytes, side by side in one run.
+#
+#   bench/peers.sh [RUNS]     RUNS repetitions of every measurement (default 5); medians shown
+#
+# Inputs: every file of the shared corpus (one process per file, and all of them in one
+# `tnef extract` process), and a generated stream with one 256 MiB attachment.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+runs=${1:-5}
+
+need=()
+command -v ytnef >/dev/null || need+=(ytnef-tools)
+[ -x /usr/bin/tnef ] || need+=(tnef)
+if [ ${#need[@]} -gt 0 ]; then
+  echo "installing peers: ${need[*]}"
+  sudo=""; [ "$(id -u)" -ne 0 ] && sudo=sudo
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${need[@]}" >/dev/null
+fi
+[ -x /usr/bin/time ] || { echo "needs GNU time (/usr/bin/time)" >&2; exit 2; }
+
+cmake --preset release >/dev/null
+cmake --build build/release --target tnef_tool >/dev/null
+ours="$root/build/release/tools/tnef/tnef"
+peer_tnef=/usr/bin/tnef
+peer_ytnef=$(command -v ytnef)
+
+work=$(mktemp -d /tmp/tnef-peers-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+
+# One attachment of 256 MiB, written in chunks.
+python3 - "$work/big.tnef" <<'PY'
+import struct, sys
+def rec(level, ident, data):
+    return struct.pack('<BII', level, ident, len(data)) + data + struct.pack('<H', sum(data) & 0xffff)
+size = 256 << 20
+chunk = bytes((i * 131 + 7) & 0xff for i in range(1 << 20))
+with open(sys.argv[1], 'wb') as f:
+    f.write(struct.pack('<IH', 0x223E9F78, 0x04D2))
+    f.write(rec(1, 0x00089006, struct.pack('<I', 0x00010000)))
+    f.write(rec(2, 0x00069002, b'\x01\x00' + bytes(12)))
+    f.write(rec(2, 0x00018010, b'big.bin\x00'))
+    f.write(struct.pack('<BII', 2, 0x0006800F, size))
+    total = 0
+    for _ in range(size // len(chunk)):
+        f.write(chunk)
+        total += sum(chunk)
+    f.write(struct.pack('<H', total & 0xffff))
+    name = b'big.bin\x00'
+    pad = bytes((4 - len(name) % 4) % 4)
+    props = struct.pack('<IIII', 1, 0x3707001E, 1, len(name)) + name + pad
+    f.write(rec(2, 0x00069005, props))
+PY
+big="$work/big.tnef"
+corpus="${TNEF_CORPUS:-$root/../shared/corpus}/files"
+files=()
+[ -d "$corpus" ] && files=("$corpus"/*)
+
+# measure NAME CMD...: runs CMD $runs times in a fresh output folder ($out); prints the
+# median wall seconds and the median peak resident kilobytes.
+declare -A wall rss
+measure() {
+  local name=$1; shift
+  local times=() mems=()
+  for ((i = 0; i < runs; i++)); do
+    out="$work/out"; rm -rf "$out"; mkdir -p "$out"
+    export out
+    /usr/bin/time -f "%e %M" -o "$work/time" bash -c "$*" >/dev/null 2>"$work/err" || {
+      echo "$name failed:"; tail -n 5 "$work/err"; }
+    read -r t m <"$work/time"
+    times+=("$t"); mems+=("$m")
+  done
+  wall[$name]=$(printf '%s\n' "${times[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+  rss[$name]=$(printf '%s\n' "${mems[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+  printf '%-28s %8.3f s %10d KiB\n' "$name" "${wall[$name]}" "${rss[$name]}"
+}
+
+echo "machine: $(nproc) cores, $(awk '/MemTotal/ {print int($2/1024)" MiB"}' /proc/meminfo), $(uname -sr)"
+echo "runs: $runs (medians)"
+echo
+echo "-- one 256 MiB attachment"
+measure "cp" "cp '$big' \"\$out/\""
+measure "tnef extract" "'$ours' extract -C \"\$out\" '$big'"
+measure "tnef decode" "'$ours' --home \"\$out/home\" decode '$big'"
+measure "peer tnef" "cd \"\$out\" && '$peer_tnef' -f '$big'"
+measure "peer ytnef" "'$peer_ytnef' -f \"\$out\" '$big'"
+
+if [ ${#files[@]} -gt 0 ]; then
+  echo
+  echo "-- the corpus (${#files[@]} files)"
+  list=$(printf "'%s' " "${files[@]}")
+  measure "cp loop" "for f in $list; do cp \"\$f\" \"\$out/\"; done"
+  measure "tnef extract loop" "for f in $list; do mkdir -p \"\$out/\$(basename \"\$f\")\"; '$ours' extract -C \"\$out/\$(basename \"\$f\")\" \"\$f\" || true; done"
+  measure "tnef extract batch" "'$ours' extract -C \"\$out\" $list || true"
+  measure "peer tnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; (cd \"\$d\" && '$peer_tnef' -f \"\$f\") || true; done"
+  measure "peer ytnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$peer_ytnef' -f \"\$d\" \"\$f\" || true; done"
+fi
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
+fastest() { awk -v a="$1" -v b="$2" 'BEGIN { print (a < b ? a : b) }'; }
+echo
+big_peer=$(fastest "${wall[peer tnef]}" "${wall[peer ytnef]}")
+echo "256 MiB: extract/faster peer $(ratio "${wall[tnef extract]}" "$big_peer"), decode/faster peer $(ratio "${wall[tnef decode]}" "$big_peer")"
+echo "256 MiB: extract/cp $(ratio "${wall[tnef extract]}" "${wall[cp]}"), decode/cp $(ratio "${wall[tnef decode]}" "${wall[cp]}")"
+if [ ${#files[@]} -gt 0 ]; then
+  loop_peer=$(fastest "${wall[peer tnef loop]}" "${wall[peer ytnef loop]}")
+  echo "corpus: extract loop/faster peer loop $(ratio "${wall[tnef extract loop]}" "$loop_peer"), faster peer loop/batch $(ratio "$loop_peer" "${wall[tnef extract batch]}")"
+fi
