@@ -37,6 +37,7 @@ ItemRef getRef(const TFREC* record, uint32_t offset) {
 // A second name for the file under ~/store/objects/: the store's own link, which keeps the
 // bytes whatever becomes of the name the caller holds.
 ItemRef linkAsObject(const std::string& source) {
+    os_SyncFiles();
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         const ItemRef kept{{IM_KIND_OBJECT, static_cast<uint32_t>(std::time(nullptr)),
                             static_cast<uint32_t>(::getpid()), store::randomWord()}};
@@ -71,6 +72,7 @@ void readItemText(const ItemRef& ref, char* out, uint32_t length) {
 void mp_PutObjectFile(const char* name, ItemRef ref, int16_t tf, int keep, int nested) {
     store::tfLookup(tf);
     const std::string source = im_ItemRef2FName(ref);
+    os_SyncFiles();
     struct stat st;
     if (::stat(source.c_str(), &st) != 0)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot store object " + source);

@@ -57,6 +57,7 @@ bool parseId(const char* id, Message* m) {
 // Size of part n, or -1 when the message has no such part. Sizes above 32 bits read as
 // the largest 32-bit value, which is what a 32-bit size field can say.
 int64_t partSize(const Message& m, uint32_t part) {
+    os_SyncFiles();
     struct stat st;
     if (::stat(im_ItemRef2FName(memberRef(m, part)).c_str(), &st) != 0) return -1;
     return std::min<int64_t>(st.st_size, 0xFFFFFFFF);
@@ -133,6 +134,7 @@ void replaceFile(const std::string& folder, const std::string& target, const std
         OsFd fd(raw);
         try {
             os_write(fd.get(), bytes.data(), static_cast<int64_t>(bytes.size()));
+            os_SyncFd(fd.get());
             if (::fdatasync(fd.get()) != 0 && errno != EINVAL)
                 store::raiseErrno(errno, kUnit, __LINE__, "cannot flush " + temp);
             fd.close();
@@ -229,6 +231,7 @@ int Msg_OpenHandleCount() { return messages().openCount(); }
 int Msg_AttachFile(int16_t msg, const ItemRef& ref) {
     const Message& m = lookup(msg);
     const std::string source = im_ItemRef2FName(ref);
+    os_SyncFiles();
     // Another process attaching to the same message takes the number first; link() then
     // fails and the next number is tried.
     for (uint32_t part = Msg_GetPartCount(msg) + 1;; ++part) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <string>
 
+#include "os_buffer.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
 
@@ -23,8 +24,24 @@ const OsSysCalls* g_calls = &kRealCalls;
 
 std::string fdText(int fd) { return "descriptor " + std::to_string(fd); }
 
+int openRetried(const std::string& path, int flags, int mode) {
+    int fd;
+    do {
+        fd = g_calls->open(path.c_str(), flags | O_CLOEXEC, static_cast<mode_t>(mode));
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+int64_t joinOffset(uint32_t low, int32_t high) {
+    return static_cast<int64_t>((static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32) | low);
+}
+
+}  // namespace
+
+namespace osio {
+
 // Reads until count bytes or end of file; -1 with errno on failure.
-int64_t readFully(int fd, void* buffer, int64_t count) {
+int64_t rawReadFully(int fd, void* buffer, int64_t count) {
     auto* out = static_cast<unsigned char*>(buffer);
     int64_t done = 0;
     while (done < count) {
@@ -39,7 +56,15 @@ int64_t readFully(int fd, void* buffer, int64_t count) {
     return done;
 }
 
-int64_t writeFully(int fd, const void* buffer, int64_t count) {
+int64_t rawReadOnce(int fd, void* buffer, int64_t count) {
+    ssize_t n;
+    do {
+        n = g_calls->read(fd, buffer, static_cast<size_t>(count));
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+int64_t rawWriteFully(int fd, const void* buffer, int64_t count) {
     const auto* in = static_cast<const unsigned char*>(buffer);
     int64_t done = 0;
     while (done < count) {
@@ -57,42 +82,49 @@ int64_t writeFully(int fd, const void* buffer, int64_t count) {
     return done;
 }
 
-int64_t joinOffset(uint32_t low, int32_t high) {
-    return static_cast<int64_t>((static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32) | low);
+int64_t rawSeek(int fd, int64_t offset, int whence) {
+    const off_t pos = g_calls->lseek(fd, static_cast<off_t>(offset), whence);
+    return pos < 0 ? -1 : pos;
 }
 
-}  // namespace
+}  // namespace osio
 
 const OsSysCalls& os_GetSysCalls() { return *g_calls; }
 void os_SetSysCalls(const OsSysCalls* calls) { g_calls = calls != nullptr ? calls : &kRealCalls; }
 
 int os_open(const char* path, int flags, int mode) {
     std::string resolved = os_ResolvePath(path);
-    if (flags & O_CREAT) os_MakeParentDirs(resolved);
-    int fd;
-    do {
-        fd = g_calls->open(resolved.c_str(), flags | O_CLOEXEC, static_cast<mode_t>(mode));
-    } while (fd < 0 && errno == EINTR);
+    if (osio::inBatch()) osio::beforeOpen();
+    int fd = openRetried(resolved, flags, mode);
+    // Folders are made only when missing, so the usual open costs one call.
+    if (fd < 0 && errno == ENOENT && (flags & O_CREAT)) {
+        os_MakeParentDirs(resolved);
+        fd = openRetried(resolved, flags, mode);
+    }
     if (fd < 0) ioEscape(errno, __LINE__, "cannot open " + resolved);
+    if (osio::inBatch()) osio::afterOpen(fd, resolved, flags);
     return fd;
 }
 
 int64_t os_read(int fd, void* buffer, int64_t count) {
     if (count <= 0) return 0;
-    int64_t n = readFully(fd, buffer, count);
+    if (osio::inBatch()) return osio::bufRead(fd, buffer, count, true);
+    int64_t n = osio::rawReadFully(fd, buffer, count);
     if (n < 0) ioEscape(errno, __LINE__, "read failed on " + fdText(fd));
     return n;
 }
 
 int64_t os_write(int fd, const void* buffer, int64_t count) {
     if (count <= 0) return 0;
-    int64_t n = writeFully(fd, buffer, count);
+    if (osio::inBatch()) return osio::bufWrite(fd, buffer, count, true);
+    int64_t n = osio::rawWriteFully(fd, buffer, count);
     if (n < 0) ioEscape(errno, __LINE__, "write failed on " + fdText(fd));
     return n;
 }
 
 int64_t os_lseek64(int fd, int64_t offset, int whence) {
-    off_t pos = g_calls->lseek(fd, static_cast<off_t>(offset), whence);
+    if (osio::inBatch()) return osio::bufSeek(fd, offset, whence, true);
+    int64_t pos = osio::rawSeek(fd, offset, whence);
     if (pos < 0) ioEscape(errno, __LINE__, "seek failed on " + fdText(fd));
     return pos;
 }
@@ -103,33 +135,41 @@ int64_t os_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence) {
 
 void os_close(int fd) {
     if (fd < 0) return;
+    const osio::Failure unwritten = osio::inBatch() ? osio::beforeClose(fd) : osio::Failure{};
     // The descriptor is released even when close reports an error, so no retry on EINTR.
-    if (g_calls->close(fd) != 0 && errno != EINTR)
-        ioEscape(errno, __LINE__, "close failed on " + fdText(fd));
+    const bool closed = g_calls->close(fd) == 0 || errno == EINTR;
+    const int closeErr = errno;
+    if (unwritten.err != 0) ioEscape(unwritten.err, __LINE__, unwritten.what);
+    if (!closed) ioEscape(closeErr, __LINE__, "close failed on " + fdText(fd));
 }
 
 int64_t mdc_read(int fd, void* buffer, int64_t count) {
     if (count <= 0) return 0;
-    return readFully(fd, buffer, count);
+    if (osio::inBatch()) return osio::bufRead(fd, buffer, count, false);
+    return osio::rawReadFully(fd, buffer, count);
 }
 
 int64_t mdc_write(int fd, const void* buffer, int64_t count) {
     if (count <= 0) return 0;
-    return writeFully(fd, buffer, count);
+    if (osio::inBatch()) return osio::bufWrite(fd, buffer, count, false);
+    return osio::rawWriteFully(fd, buffer, count);
 }
 
 int64_t mdc_lseek(int fd, uint32_t offsetLow, int32_t offsetHigh, int whence) {
-    off_t pos = g_calls->lseek(fd, static_cast<off_t>(joinOffset(offsetLow, offsetHigh)), whence);
-    return pos < 0 ? -1 : pos;
+    const int64_t offset = joinOffset(offsetLow, offsetHigh);
+    if (osio::inBatch()) return osio::bufSeek(fd, offset, whence, false);
+    return osio::rawSeek(fd, offset, whence);
 }
 
 int64_t os_fsize(int fd) {
+    if (osio::inBatch()) return osio::fileSize(fd);
     struct stat st;
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
     return st.st_size;
 }
 
 bool os_fexists(const char* path) {
+    if (osio::inBatch()) osio::beforeOpen();
     struct stat st;
     return ::stat(os_ResolvePath(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
@@ -137,6 +177,7 @@ bool os_fexists(const char* path) {
 FILE* os_fopen(const char* path, const char* mode) {
     std::string resolved = os_ResolvePath(path);
     bool writes = mode[0] == 'w' || mode[0] == 'a';
+    const bool updates = writes || std::string(mode).find('+') != std::string::npos;
     if (writes) {
         try {
             os_MakeParentDirs(resolved);
@@ -144,6 +185,8 @@ FILE* os_fopen(const char* path, const char* mode) {
             return nullptr;
         }
     }
+    // No escape here: a failed pending write is reported when the batch ends.
+    if (osio::inBatch()) osio::beforeStream(updates);
     return std::fopen(resolved.c_str(), mode);
 }
 
@@ -151,13 +194,26 @@ void os_fclose(FILE* file) {
     if (file != nullptr) std::fclose(file);
 }
 
-OsFd::~OsFd() {
-    if (fd_ >= 0) g_calls->close(fd_);
+namespace {
+
+// A close that cannot raise: a failed pending write is kept for the end of the batch.
+void closeQuietly(int fd) {
+    if (fd < 0) return;
+    try {
+        if (osio::inBatch()) osio::defer(osio::beforeClose(fd));
+    } catch (...) {
+        // Out of memory for the message; the descriptor is still released.
+    }
+    g_calls->close(fd);
 }
+
+}  // namespace
+
+OsFd::~OsFd() { closeQuietly(fd_); }
 
 OsFd& OsFd::operator=(OsFd&& other) noexcept {
     if (this != &other) {
-        if (fd_ >= 0) g_calls->close(fd_);
+        closeQuietly(fd_);
         fd_ = other.release();
     }
     return *this;

@@ -78,7 +78,13 @@ std::string readFrom(store::MsgFile& file, int64_t from) {
 }
 
 // Best effort while another escape is already on its way: its failure must not hide that one.
-bool cutBackQuietly(int fd, int64_t size) { return ::ftruncate(fd, static_cast<off_t>(size)) == 0; }
+bool cutBackQuietly(int fd, int64_t size) {
+    try {
+        os_SyncFd(fd);
+    } catch (const Escape&) {
+    }
+    return ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+}
 
 void checkOutgoing(const store::MsgFile& file, const TFREC* record, int line) {
     const uint32_t length = tf_GetLength(record);
@@ -95,6 +101,7 @@ MsgFile& tfLookup(int16_t handle) { return files().get(handle, kUnit, __LINE__, 
 int64_t tfSize(MsgFile& file) { return os_lseek64(file.fd.get(), 0, SEEK_END); }
 
 void tfTruncate(MsgFile& file, int64_t size) {
+    os_SyncFd(file.fd.get());
     if (::ftruncate(file.fd.get(), static_cast<off_t>(size)) != 0)
         raiseErrno(errno, kUnit, __LINE__, "cannot cut back " + file.path);
 }
@@ -163,6 +170,7 @@ void tf_AppendRecord(int16_t tf, const TFREC* record) {
     const int64_t end = store::tfSize(file);
     try {
         os_write(file.fd.get(), record->bytes, tf_GetLength(record));
+        os_FlushFd(file.fd.get());
     } catch (const Escape&) {
         // A half-written record would make every later read of the file fail.
         cutBackQuietly(file.fd.get(), end);
@@ -193,6 +201,10 @@ void tf_OverwriteRecord(int16_t tf, const TFREC* record) {
         os_write(fd, updated.data(), static_cast<int64_t>(updated.size()));
         store::tfTruncate(file, file.lastOffset + static_cast<int64_t>(updated.size()));
     } catch (const Escape&) {
+        try {
+            os_SyncFd(fd);
+        } catch (const Escape&) {
+        }
         const OsSysCalls& sys = os_GetSysCalls();
         if (sys.lseek(fd, static_cast<off_t>(file.lastOffset), SEEK_SET) >= 0 &&
             sys.write(fd, old.data(), old.size()) == static_cast<ssize_t>(old.size()))
@@ -206,6 +218,7 @@ void tf_OverwriteRecord(int16_t tf, const TFREC* record) {
 void tf_FlushFile(int16_t tf) {
     store::MsgFile& file = store::tfLookup(tf);
     if (file.readOnly) return;
+    os_SyncFd(file.fd.get());
     if (::fdatasync(file.fd.get()) != 0 && errno != EINVAL)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot flush " + file.path);
 }

@@ -8,6 +8,9 @@
 // (reason = errno, the path or descriptor in the detail) when the system call fails; the
 // mdc_ variants report failure in their result instead. End of file is no error: a read
 // there returns 0.
+//
+// Inside an I/O batch (OsIoBatch, below) reads and writes on regular files are buffered;
+// outside one every call is the system call itself.
 #pragma once
 
 #include <sys/types.h>
@@ -73,6 +76,60 @@ struct OsSysCalls {
 // The table in use; os_SetSysCalls(nullptr) restores the real system calls.
 const OsSysCalls& os_GetSysCalls();
 void os_SetSysCalls(const OsSysCalls* calls);
+
+// ---- I/O batches ----------------------------------------------------------------------------
+//
+// While a batch is open, os_read, os_write, os_lseek(64) and the mdc_ variants keep a 64 KiB
+// read-ahead and up to 64 KiB of pending writes per regular file, and the position each
+// descriptor is at. Every result (positions, bytes read back, end of file) is what the
+// system calls would give. What differs:
+// - a write error may surface later: at the next read or end-of-file seek of that file, at
+//   its close, at an open or a flush (below), or when the batch ends; the escape is still
+//   100/errno and names the descriptor (and the path when it was opened inside the batch);
+// - between os_ calls the kernel's offset and the file's bytes may lag. The platform's own
+//   calls that reach a file by name first write every pending byte (os_open, os_fexists,
+//   os_fopen, the store's link, rename and stat); raw calls on a descriptor need os_SyncFd.
+// When the outermost batch ends, pending bytes are written, every kernel offset is put at
+// its descriptor's position and the buffers are freed, whether it ends normally or by an
+// escape. Descriptors that share one open file (dup) must not both be used in one batch.
+// Pipes, terminals and descriptors opened for appending are never buffered. Not for use by
+// several threads at once.
+class OsIoBatch {
+public:
+    OsIoBatch();
+    // Ends the batch if end() did not. On a normal exit a failed pending write raises
+    // 100/errno from here; while an escape unwinds, it is dropped (the escape in flight wins).
+    ~OsIoBatch() noexcept(false);
+    OsIoBatch(const OsIoBatch&) = delete;
+    OsIoBatch& operator=(const OsIoBatch&) = delete;
+    // Ends the batch (the outermost writes everything and raises 100/errno on failure).
+    void end();
+
+private:
+    int unwinding_;  // escapes in flight when the batch began
+    bool ended_ = false;
+};
+
+// True while a batch is open and buffering.
+bool os_InIoBatch();
+// Size of each buffer for batches that begin later: 0 turns buffering off (a test that
+// makes one read at one offset fail needs the calls as the codec makes them), a negative
+// value restores the default of 64 KiB.
+void os_SetIoBufferSize(int64_t bytes);
+// Bytes of buffer memory held by the open batch (0 outside one).
+int64_t os_IoBufferBytes();
+// Before raw system calls on fd inside a batch (ftruncate, fdatasync, a raw write): writes
+// the file's pending bytes, puts the kernel's offset at the descriptor's position and drops
+// every read-ahead of the file; the next os_ call takes the kernel's offset as it finds it.
+// Does nothing outside a batch. Raises 100/errno when a pending write fails.
+void os_SyncFd(int fd);
+// Writes the pending bytes of fd's file now, so that a write error shows here (where the
+// caller can undo its record) rather than later. Does nothing outside a batch. Raises
+// 100/errno.
+void os_FlushFd(int fd);
+// Writes every pending byte of the batch, so every file is complete by name. Raises
+// 100/errno. Does nothing outside a batch.
+void os_SyncFiles();
 
 // Owns a descriptor: closes it on destruction without throwing; close() reports failure.
 class OsFd {

@@ -247,6 +247,8 @@ struct DecodeValues {
 void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16_t* receipt,
                  uint32_t* replyRequested, uint32_t addressUpdate, uint32_t suppressMapiData) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_Decode");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     tnefSuppressMapiData = static_cast<int>(suppressMapiData);
     OsFd tnef(os_open(path, O_RDONLY, 0));
 

@@ -10,6 +10,7 @@
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/im_items.h"
 #include "tnef/platform/mp_stored.h"
+#include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 #include "tnef_defs.h"
 
@@ -187,6 +188,8 @@ void tnef_UpdateTF(int16_t* messageFile, uint32_t objectRef0, uint32_t objectRef
                    uint16_t expiryCompanion, uint32_t addressUpdate, uint32_t autoForwarded,
                    uint32_t recurrence) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_UpdateTF");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     const CollectedValues values{ItemRef{{objectRef0, objectRef1, objectRef2, objectRef3}},
                                  mainText,
                                  secondaryText,
@@ -226,6 +229,8 @@ void tnef_UpdateTF(int16_t* messageFile, uint32_t objectRef0, uint32_t objectRef
 
 void tnef_UpdateDL(ItemRef* messageFileRef) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_UpdateDL");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     TfFileOwner oldFile(tf_OpenFile(*messageFileRef, TF_OPEN_UPDATE));
     TfFileOwner newFile(tf_CreateFile());
     newFile.discardItem();

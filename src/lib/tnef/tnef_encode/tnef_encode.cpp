@@ -376,6 +376,8 @@ int attachmentPhase(EncodeState& st) {
 int tnef_Encode(int16_t messageFile, int outFd, uint32_t /*reserved*/, uint32_t* resultWord,
                 int16_t messageId) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_Encode");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     *resultWord = 0;
     tnefMapiOrigin = true;
     if (!tnefDropSwitchRead) {

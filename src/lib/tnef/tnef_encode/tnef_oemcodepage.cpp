@@ -36,6 +36,8 @@ uint32_t copyCodepageRecord(int outFd, int inFd, const uint8_t head[5]) {
 
 uint32_t tnef_SetOemCodePage(int outFd, int inFd) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_SetOemCodePage");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     os_lseek64(inFd, 0, 0);
     uint8_t signature[4];
     if (os_read(inFd, signature, 4) != 4 || tnef_GetU32(signature) != TNEF_SIGNATURE)

@@ -264,6 +264,8 @@ void writeTrailingKey(int fd, const ParseState& st) {
 
 void tnef_ParseData(int outFd, char* text, uint32_t length) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_ParseData");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     if (text == nullptr) return;
     const size_t capacity = static_cast<size_t>(length) + 1;
     std::unique_ptr<uint8_t, decltype(&os_free)> buffer(static_cast<uint8_t*>(os_malloc(capacity)),

@@ -70,6 +70,8 @@ bool skipLeadingRecords(int outFd, int objectFd) {
 // The size is not needed: the copy runs to the end of the object file.
 void tnef_ParseObject(int outFd, int objectFd, uint32_t /*objectSize*/) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_ParseObject");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     os_lseek64(objectFd, 0, 0);
     uint8_t streamHead[6];  // signature and key, which the output already has
     if (os_read(objectFd, streamHead, sizeof streamHead) != sizeof streamHead) return;

@@ -52,6 +52,8 @@ void tnef_AddPropsFromBlob(int fd, const char* blob, uint8_t level) {
 int tnef_WriteBrenvoProps2ObjectFile(int fd, int savedFd, const char* propsBlob,
                                      const char* attachBlob, const char* recipsBlob) {
     ErTraceScope trace(TNEF_TRACE_CLASS, "tnef_WriteBrenvoProps2ObjectFile");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     PropLogSession log;
     tnef_Create(fd);
     tnef_WriteOemCodePageAttr(fd, kBlobCodePage, LVL_MESSAGE);

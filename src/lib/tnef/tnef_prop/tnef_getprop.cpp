@@ -302,6 +302,8 @@ void tnef_GetAttachAttr(int fd, const char* tagText, const char* attributeName, 
 int tnef_GetProp(int fd, const char* request, char** propsOut, char** recipsOut, char** attachOut,
                  const char* fileName) {
     ErTraceScope trace(TNEF_TRACE_CLASS_PROP, "tnef_GetProp");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     if (propsOut == nullptr) return 0;
     *propsOut = nullptr;
     if (recipsOut != nullptr) *recipsOut = nullptr;

@@ -199,6 +199,8 @@ char* tnef_ScanReadText(int fd, uint32_t length) {
 
 int tnef_ScanTnef(int fd, uint32_t wantedTag, TnefAttachScan** list) {
     ErTraceScope trace(TNEF_TRACE_CLASS_SCAN, "tnef_ScanTnef");
+    // Field-by-field I/O is buffered for the call; offsets are exact again on return.
+    OsIoBatch ioBatch;
     tnefScanFound = 0;
     openScanLog();
     logScanStart(wantedTag);
