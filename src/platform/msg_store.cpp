@@ -27,6 +27,9 @@ constexpr int kNameAttempts = 64;
 struct Message {
     uint32_t high;
     uint32_t low;
+    // Parts counted last time: counting resumes there, so attaching n parts costs n checks
+    // rather than n * n / 2. Parts have no gaps, so the hint holds while its part exists.
+    uint32_t partsSeen = 0;
 };
 
 store::HandleTable<Message>& messages() {
@@ -261,9 +264,10 @@ void Msg_DetachFile(int16_t msg, uint32_t partNumber) {
 }
 
 uint32_t Msg_GetPartCount(int16_t msg) {
-    const Message& m = lookup(msg);
-    uint32_t count = 0;
+    Message& m = lookup(msg);
+    uint32_t count = m.partsSeen != 0 && partExists(m, m.partsSeen) ? m.partsSeen : 0;
     while (partExists(m, count + 1)) ++count;
+    m.partsSeen = count;
     return count;
 }
 
