@@ -1,0 +1,227 @@
+// getprop and writeblob: MAPI properties of a TNEF file as property texts, and a TNEF file
+// written from such texts (the two directions of one round trip).
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "blob_text.h"
+#include "json_writer.h"
+#include "tnef/platform/er_escape.h"
+#include "tnef/platform/os_file.h"
+#include "tnef/tnef.h"
+#include "tool.h"
+
+namespace {
+
+constexpr const char* kGetpropHelp =
+    "usage: tnef getprop FILE [REQUEST] [-o F] [--attach-out F] [--recips-out F]\n"
+    "\n"
+    "Reads MAPI properties of a TNEF file as property text. REQUEST is GET-ALL (the\n"
+    "default: every message property, with the attachment and recipient tables), a\n"
+    "property tag in hexadecimal (37001e) or #TYPE/ID for a named property with a numeric\n"
+    "name (#3/8205). Texts are printed one entry per line (\"id = value | value\", bytes\n"
+    "outside printable ASCII as \\xNN) unless written byte for byte to a file:\n"
+    "\n"
+    "  -o F              the message properties\n"
+    "  --attach-out F    the attachment table\n"
+    "  --recips-out F    the recipient table\n"
+    "\n"
+    "Exit status 0 when the property was found (GET-ALL: when the message has\n"
+    "properties), 1 when not.\n"
+    "\n"
+    "With --json: {\"file\",\"request\",\"found\",\"properties\":[{\"id\",\"values\"}],\n"
+    "\"attachments\":[[entries]],\"recipients\":[[entries]]} (a text written to a file is\n"
+    "left out).\n";
+
+constexpr const char* kWriteblobHelp =
+    "usage: tnef writeblob -o OUT [--props F] [--attach F] [--recips F] [--saved TNEF]\n"
+    "\n"
+    "Writes a TNEF file OUT from property texts as getprop writes them (-o, --attach-out,\n"
+    "--recips-out): the message properties, the attachment table and the recipient table.\n"
+    "--saved names a TNEF file whose attachments are kept when no attachment table is\n"
+    "written (flag MAPIXML_WRITE_ATTACHTABLE false).\n"
+    "\n"
+    "With --json: {\"output\",\"size\"}.\n";
+
+struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
+
+struct Texts {
+    OwnedText props;
+    OwnedText recips;
+    OwnedText attach;
+};
+
+std::string_view viewOf(const OwnedText& text) {
+    return text ? std::string_view(text.get()) : std::string_view();
+}
+
+// Writes a text to its file when one was named; false (reported) when that fails.
+bool writeTextFile(const ParsedArgs& p, const char* option, const OwnedText& text) {
+    return !p.has(option) || writeWholeFile(p.get(option), viewOf(text));
+}
+
+std::string renderGetprop(const ParsedArgs& p, const Texts& t) {
+    std::string out;
+    if (!p.has("-o") && t.props) out += "properties:\n" + renderBlobText(viewOf(t.props), false);
+    if (!p.has("--attach-out") && t.attach && *t.attach != '\0')
+        out += "attachments:\n" + renderBlobText(viewOf(t.attach), true);
+    if (!p.has("--recips-out") && t.recips && *t.recips != '\0')
+        out += "recipients:\n" + renderBlobText(viewOf(t.recips), true);
+    return out;
+}
+
+std::string jsonGetprop(const ParsedArgs& p, const std::string& request, int found,
+                        const Texts& t) {
+    JsonWriter j;
+    j.beginObject()
+        .field("file", p.operands[0])
+        .field("request", request)
+        .field("found", found == 1);
+    if (!p.has("-o")) {
+        j.key("properties");
+        jsonBlobText(j, viewOf(t.props), false);
+    }
+    if (!p.has("--attach-out")) {
+        j.key("attachments");
+        jsonBlobText(j, viewOf(t.attach), true);
+    }
+    if (!p.has("--recips-out")) {
+        j.key("recipients");
+        jsonBlobText(j, viewOf(t.recips), true);
+    }
+    j.endObject();
+    return j.text();
+}
+
+struct OptionalText {
+    bool given = false;
+    std::string bytes;
+    const char* text() const { return given ? bytes.c_str() : nullptr; }
+};
+
+struct BlobInputs {
+    OptionalText props, attach, recips;
+};
+
+// The bytes of the file an option names, when it was given. False (reported) on failure.
+bool readOptionalText(const ParsedArgs& p, const char* option, OptionalText* text) {
+    text->given = p.has(option);
+    return !text->given || readWholeFile(p.get(option), &text->bytes);
+}
+
+// Writes the TNEF file out from the texts (and the saved TNEF file, when named); *size gets
+// its size. On failure it is reported and out is removed.
+bool writeBlobFile(const std::string& out, const std::string& saved, const BlobInputs& in,
+                   int64_t* size) {
+    int savedFd = -1;
+    if (!saved.empty() && (savedFd = openInput(saved)) < 0) return false;
+    OsFd savedOwner(savedFd);
+    OsFd fd(::open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (fd.get() < 0) {
+        reportError(out, errnoText(errno));
+        return false;
+    }
+    try {
+        tnef_WriteBrenvoProps2ObjectFile(fd.get(), savedFd, in.props.text(), in.attach.text(),
+                                         in.recips.text());
+        *size = os_lseek64(fd.get(), 0, SEEK_END);
+        fd.close();
+        return true;
+    } catch (const Escape& e) {
+        reportEscape(out, e);
+    }
+    ::unlink(out.c_str());
+    return false;
+}
+
+}  // namespace
+
+int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
+    ParsedArgs p;
+    if (!parseArgs("getprop", args, {{"-o", true}, {"--attach-out", true}, {"--recips-out", true}},
+                   &p))
+        return kExitError;
+    if (p.help) return printHelp(kGetpropHelp);
+    if (p.operands.empty() || p.operands.size() > 2)
+        return usageError("getprop", "FILE [REQUEST] wanted");
+    const std::string& path = p.operands[0];
+    const std::string request = p.operands.size() > 1 ? p.operands[1] : "GET-ALL";
+    const int fd = openInput(path);
+    if (fd < 0) return kExitError;
+    if (!checkTnefSignature(fd, path)) {
+        ::close(fd);
+        return kExitError;
+    }
+
+    Texts t;
+    int found = 0;
+    try {
+        char* props = nullptr;
+        char* recips = nullptr;
+        char* attach = nullptr;
+        // The tables come with GET-ALL, or when a file was named for them.
+        const bool all = request == "GET-ALL";
+        found = tnef_GetProp(fd, request.c_str(), &props,
+                             all || p.has("--recips-out") ? &recips : nullptr,
+                             all || p.has("--attach-out") ? &attach : nullptr, path.c_str());
+        t.props.reset(props);
+        t.recips.reset(recips);
+        t.attach.reset(attach);
+    } catch (const Escape& e) {
+        ::close(fd);
+        reportEscape(path, e);
+        return kExitError;
+    }
+    ::close(fd);
+    if (!writeTextFile(p, "-o", t.props) || !writeTextFile(p, "--attach-out", t.attach) ||
+        !writeTextFile(p, "--recips-out", t.recips))
+        return kExitError;
+    const std::string out = g.json ? jsonGetprop(p, request, found, t) : renderGetprop(p, t);
+    if (!writeOut(out)) return kExitError;
+    return found == 1 ? kExitOk : kExitNotFound;
+}
+
+int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args) {
+    ParsedArgs p;
+    if (!parseArgs("writeblob", args,
+                   {{"-o", true},
+                    {"--props", true},
+                    {"--attach", true},
+                    {"--recips", true},
+                    {"--saved", true}},
+                   &p))
+        return kExitError;
+    if (p.help) return printHelp(kWriteblobHelp);
+    if (!p.operands.empty())
+        return usageError("writeblob", "unexpected operand '" + p.operands[0] + "'");
+    if (!p.has("-o")) return usageError("writeblob", "no output file (-o OUT)");
+    BlobInputs in;
+    if (!readOptionalText(p, "--props", &in.props) ||
+        !readOptionalText(p, "--attach", &in.attach) ||
+        !readOptionalText(p, "--recips", &in.recips))
+        return kExitError;
+    for (const OptionalText* text : {&in.props, &in.attach, &in.recips})
+        if (text->bytes.find('\0') != std::string::npos)
+            return usageError("writeblob",
+                              "a property text holds a NUL byte; it is not a property text");
+    const std::string out = p.get("-o");
+    int64_t size = 0;
+    if (!writeBlobFile(out, p.has("--saved") ? p.get("--saved") : std::string(), in, &size))
+        return kExitError;
+    if (g.json) {
+        JsonWriter j;
+        j.beginObject().field("output", out).field("size", size).endObject();
+        return writeOut(j.text()) ? kExitOk : kExitError;
+    }
+    return writeOut("wrote " + out + " (" + std::to_string(size) + " bytes)\n") ? kExitOk
+                                                                                : kExitError;
+}

@@ -1,0 +1,271 @@
+#include "tool.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "tnef/platform/er_escape.h"
+
+bool ParsedArgs::has(std::string_view name) const {
+    for (const auto& [n, v] : options)
+        if (n == name) return true;
+    return false;
+}
+
+std::string ParsedArgs::get(std::string_view name, std::string_view fallback) const {
+    std::string value(fallback);
+    for (const auto& [n, v] : options)
+        if (n == name) value = v;
+    return value;
+}
+
+namespace {
+
+const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, std::string_view name) {
+    for (const OptionSpec& s : specs)
+        if (name == s.name) return &s;
+    return nullptr;
+}
+
+}  // namespace
+
+bool parseArgs(const std::string& command, const std::vector<std::string>& args,
+               const std::vector<OptionSpec>& specs, ParsedArgs* parsed) {
+    bool optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+            parsed->operands.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        if (arg == "--help" || arg == "-h") {
+            parsed->help = true;
+            continue;
+        }
+        const size_t eq = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
+        const std::string name = arg.substr(0, eq);
+        const OptionSpec* spec = findSpec(specs, name);
+        if (spec == nullptr) {
+            usageError(command, "unknown option '" + name + "'");
+            return false;
+        }
+        std::string value;
+        if (eq != std::string::npos) {
+            if (!spec->takesValue) {
+                usageError(command, "option '" + name + "' takes no value");
+                return false;
+            }
+            value = arg.substr(eq + 1);
+        } else if (spec->takesValue) {
+            if (i + 1 >= args.size()) {
+                usageError(command, "option '" + name + "' needs a value");
+                return false;
+            }
+            value = args[++i];
+        }
+        parsed->options.emplace_back(name, value);
+    }
+    return true;
+}
+
+void reportError(std::string_view subject, std::string_view what) {
+    std::string line = "tnef: ";
+    if (!subject.empty()) {
+        line += subject;
+        line += ": ";
+    }
+    line += what;
+    line += '\n';
+    std::fputs(line.c_str(), stderr);
+}
+
+std::string escapeText(const Escape& e) {
+    if (e.group == ER_GROUP_TNEF && e.reason == ER_TNEF_BAD_SIGNATURE) return "not a TNEF stream";
+    if (e.group == ER_GROUP_TNEF && e.reason == ER_TNEF_TOO_LONG)
+        return "data longer than the buffer it is read into";
+    std::string text;
+    if (e.group == ER_GROUP_IO)
+        text = std::strerror(e.reason);
+    else if (e.group == 103)
+        text = "message store error";
+    else
+        text = "error";
+    if (!e.detail.empty()) text += " (" + e.detail + ")";
+    return text;
+}
+
+std::string escapeLine(const Escape& e) {
+    return escapeText(e) + " (escape " + std::to_string(e.group) + "/" + std::to_string(e.reason) +
+           ")";
+}
+
+void reportEscape(std::string_view subject, const Escape& e) {
+    reportError(subject, escapeLine(e));
+}
+
+std::string errnoText(int err) {
+    return std::strerror(err);
+}
+
+bool writeOut(std::string_view bytes) {
+    if (bytes.empty()) return true;
+    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
+    return ok && std::fflush(stdout) == 0;
+}
+
+bool readWholeFile(const std::string& path, std::string* bytes) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        reportError(path, errnoText(errno));
+        return false;
+    }
+    bytes->clear();
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            reportError(path, errnoText(errno));
+            ::close(fd);
+            return false;
+        }
+        if (n == 0) break;
+        bytes->append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return true;
+}
+
+bool writeWholeFile(const std::string& path, std::string_view bytes) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        reportError(path, errnoText(errno));
+        return false;
+    }
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            reportError(path, errnoText(errno));
+            ::close(fd);
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (::close(fd) != 0) {
+        reportError(path, errnoText(errno));
+        return false;
+    }
+    return true;
+}
+
+int openInput(const std::string& path, std::string* error) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int err = fd < 0 ? errno : 0;
+    struct stat st {};
+    if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+        ::close(fd);
+        err = EISDIR;
+    }
+    if (err == 0) return fd;
+    reportError(path, errnoText(err));
+    if (error != nullptr) *error = errnoText(err);
+    return -1;
+}
+
+namespace {
+
+std::string readable(std::string_view bytes, bool keepHighBytes) {
+    std::string out;
+    out.reserve(bytes.size());
+    for (unsigned char c : bytes) {
+        if (c == '\\') {
+            out += "\\\\";
+        } else if ((c >= 0x20 && c < 0x7F) || (keepHighBytes && c >= 0x80)) {
+            out += static_cast<char>(c);
+        } else {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string readableBytes(std::string_view bytes) {
+    return readable(bytes, false);
+}
+std::string readableText(std::string_view text) {
+    return readable(text, true);
+}
+
+int printHelp(std::string_view text) {
+    writeOut(text);
+    return kExitOk;
+}
+
+int usageError(const std::string& command, std::string_view what) {
+    const std::string help = command.empty() ? "tnef --help" : "tnef " + command + " --help";
+    reportError(command, std::string(what) + " (see '" + help + "')");
+    return kExitError;
+}
+
+bool makeFolders(const std::string& dir) {
+    size_t at = 0;
+    while (at != std::string::npos) {
+        at = dir.find('/', at + 1);
+        const std::string sofar = dir.substr(0, at);
+        if (::mkdir(sofar.c_str(), 0777) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+std::string absolutePath(const std::string& path) {
+    if (path.empty() || path[0] == '/') return path;
+    char cwd[4096];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) return path;
+    std::string base = cwd;
+    std::string rest = path;
+    while (rest.rfind("./", 0) == 0) rest.erase(0, 2);
+    return base == "/" ? "/" + rest : base + "/" + rest;
+}
+
+bool checkTnefSignature(int fd, const std::string& path) {
+    constexpr unsigned char kSignature[4] = {0x78, 0x9F, 0x3E, 0x22};
+    unsigned char head[4] = {};
+    const ssize_t n = ::pread(fd, head, sizeof head, 0);
+    if (n == static_cast<ssize_t>(sizeof head) && std::memcmp(head, kSignature, sizeof head) == 0)
+        return true;
+    if (n < 0)
+        reportError(path, errnoText(errno));
+    else
+        reportError(path, "not a TNEF stream (escape 102/1531)");
+    return false;
+}
+
+std::string messageId(const std::string& operand) {
+    std::string id = operand;
+    while (id.size() > 1 && id.back() == '/') id.pop_back();
+    const size_t slash = id.rfind('/');
+    return slash == std::string::npos ? id : id.substr(slash + 1);
+}
+
+bool isMessageId(const std::string& id) {
+    constexpr size_t kIdLength = 16;
+    if (id.size() != kIdLength) return false;
+    for (char c : id)
+        if (!std::isdigit(static_cast<unsigned char>(c)) && (c < 'a' || c > 'f')) return false;
+    return true;
+}
