@@ -29,9 +29,8 @@ void attachNewItem(int16_t msg, Fill fill) {
 
 void copyFile(const std::string& path, int out) {
     OsFd in(os_open(path.c_str(), O_RDONLY, 0));
-    std::array<char, kCopyChunk> chunk;
-    for (int64_t n; (n = os_read(in.get(), chunk.data(), chunk.size())) > 0;)
-        os_write(out, chunk.data(), n);
+    while (os_CopyRange(in.get(), out, kCopyChunk * 1024) > 0) {
+    }
 }
 
 void appendAddressRecord(int16_t tf, uint32_t type, uint32_t textOffset, const std::string& address) {

@@ -122,6 +122,61 @@ int64_t os_write(int fd, const void* buffer, int64_t count) {
     return n;
 }
 
+namespace {
+
+// Below this a kernel copy saves nothing worth its extra calls.
+constexpr int64_t kKernelCopyMin = 64 * 1024;
+constexpr int64_t kCopyChunk = 8192;
+
+// The kernel refuses pairs it cannot copy between (other file systems on older kernels,
+// special files); the buffered loop takes over then.
+bool kernelCannotCopy(int err) {
+    return err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP || err == EBADF ||
+           err == ETXTBSY || err == EPERM;
+}
+
+// Copies in the kernel from both descriptors' offsets; returns the bytes copied, or -1 when
+// the kernel will not copy this pair and nothing was copied.
+int64_t kernelCopy(int inFd, int outFd, int64_t count) {
+    int64_t done = 0;
+    while (done < count) {
+        const ssize_t n = ::copy_file_range(inFd, nullptr, outFd, nullptr,
+                                            static_cast<size_t>(count - done), 0);
+        if (n > 0) {
+            done += n;
+            continue;
+        }
+        if (n == 0) break;  // end of the input
+        if (errno == EINTR) continue;
+        if (done == 0 && kernelCannotCopy(errno)) return -1;
+        ioEscape(errno, __LINE__, "copy failed from " + fdText(inFd) + " to " + fdText(outFd));
+    }
+    return done;
+}
+
+}  // namespace
+
+int64_t os_CopyRange(int inFd, int outFd, int64_t count) {
+    if (count <= 0) return 0;
+    // Under a replaced system-call table every byte must pass through it.
+    if (count >= kKernelCopyMin && g_calls == &kRealCalls) {
+        os_SyncFd(inFd);
+        os_SyncFd(outFd);
+        const int64_t n = kernelCopy(inFd, outFd, count);
+        if (n >= 0) return n;
+    }
+    char chunk[kCopyChunk];
+    int64_t done = 0;
+    while (done < count) {
+        const int64_t want = count - done < kCopyChunk ? count - done : kCopyChunk;
+        const int64_t n = os_read(inFd, chunk, want);
+        if (n < 1) break;
+        os_write(outFd, chunk, n);
+        done += n;
+    }
+    return done;
+}
+
 int64_t os_lseek64(int fd, int64_t offset, int whence) {
     if (osio::inBatch()) return osio::bufSeek(fd, offset, whence, true);
     int64_t pos = osio::rawSeek(fd, offset, whence);

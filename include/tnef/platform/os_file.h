@@ -77,6 +77,12 @@ struct OsSysCalls {
 const OsSysCalls& os_GetSysCalls();
 void os_SetSysCalls(const OsSysCalls* calls);
 
+// Copies up to count bytes from inFd's position to outFd's position, advancing both, and
+// returns the bytes copied (fewer only when inFd ends). Large copies between regular files run
+// in the kernel, with no buffer in the process; others go through an 8 KiB buffer. Raises
+// 100/errno.
+int64_t os_CopyRange(int inFd, int outFd, int64_t count);
+
 // ---- I/O batches ----------------------------------------------------------------------------
 //
 // While a batch is open, os_read, os_write, os_lseek(64) and the mdc_ variants keep a 64 KiB

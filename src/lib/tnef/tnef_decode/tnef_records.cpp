@@ -122,21 +122,14 @@ void tnef_StreamToDataItem(int tnefFd, uint32_t length, TnefDataItem* out) {
     uint32_t kind = 0;
     OsFd item(im_CrNewDataItem(&kind, &ref));
     out->item.emplace(ref);
-    out->copied = 0;
-    std::array<uint8_t, TNEF_COPY_CHUNK> chunk;
-    uint64_t left = length;
-    while (left > 0) {
-        const int64_t want = left < TNEF_COPY_CHUNK ? static_cast<int64_t>(left) : TNEF_COPY_CHUNK;
-        const int64_t n = os_read(tnefFd, chunk.data(), want);
-        if (n < 1) break;
-        os_write(item.get(), chunk.data(), n);
-        if (out->copied < sizeof out->head)
-            std::memcpy(out->head + out->copied, chunk.data(),
-                        std::min<size_t>(sizeof out->head - out->copied, static_cast<size_t>(n)));
-        out->copied += static_cast<uint64_t>(n);
-        left -= static_cast<uint64_t>(n);
-    }
-    out->complete = left == 0;
+    // The first bytes are read here, to tell the embedded-message marker; the rest is copied
+    // without passing through the process, which keeps memory flat whatever the size.
+    const int64_t headWant = std::min<int64_t>(length, sizeof out->head);
+    const int64_t head = headWant > 0 ? os_read(tnefFd, out->head, headWant) : 0;
+    if (head > 0) os_write(item.get(), out->head, head);
+    out->copied = head > 0 ? static_cast<uint64_t>(head) : 0;
+    if (head == headWant) out->copied += static_cast<uint64_t>(os_CopyRange(tnefFd, item.get(), length - head));
+    out->complete = out->copied == length;
     item.close();
 }
 
