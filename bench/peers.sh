@@ -63,15 +63,22 @@ files=()
 declare -A wall rss
 measure() {
   local name=$1; shift
-  local times=() mems=()
+  local times=() mems=() failed=0
   for ((i = 0; i < runs; i++)); do
     out="$work/out"; rm -rf "$out"; mkdir -p "$out"
     export out
-    /usr/bin/time -f "%e %M" -o "$work/time" bash -c "$*" >/dev/null 2>"$work/err" || {
-      echo "$name failed:"; tail -n 5 "$work/err"; }
-    read -r t m <"$work/time"
+    if ! /usr/bin/time -f "%e %M" -o "$work/time" bash -c "$*" >/dev/null 2>"$work/err"; then
+      failed=1
+      echo "$name failed: $(tail -n 1 "$work/err")"
+      break
+    fi
+    read -r t m < <(tail -n 1 "$work/time")
     times+=("$t"); mems+=("$m")
   done
+  if [ "$failed" = 1 ]; then
+    wall[$name]=fail; rss[$name]=fail
+    return
+  fi
   wall[$name]=$(printf '%s\n' "${times[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
   rss[$name]=$(printf '%s\n' "${mems[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
   printf '%-28s %8.3f s %10d KiB\n' "$name" "${wall[$name]}" "${rss[$name]}"
@@ -99,7 +106,11 @@ if [ ${#files[@]} -gt 0 ]; then
 fi
 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
-fastest() { awk -v a="$1" -v b="$2" 'BEGIN { print (a < b ? a : b) }'; }
+# The faster of two timings; a peer that failed does not count.
+fastest() {
+  if [ "$1" = fail ]; then echo "$2"; elif [ "$2" = fail ]; then echo "$1"
+  else awk -v a="$1" -v b="$2" 'BEGIN { print (a < b ? a : b) }'; fi
+}
 echo
 big_peer=$(fastest "${wall[peer tnef]}" "${wall[peer ytnef]}")
 echo "256 MiB: extract/faster peer $(ratio "${wall[tnef extract]}" "$big_peer"), decode/faster peer $(ratio "${wall[tnef decode]}" "$big_peer")"
