@@ -99,7 +99,7 @@ if [ ${#files[@]} -gt 0 ]; then
   echo "-- the corpus (${#files[@]} files)"
   list=$(printf "'%s' " "${files[@]}")
   measure "cp loop" "for f in $list; do cp \"\$f\" \"\$out/\"; done"
-  measure "tnef extract loop" "for f in $list; do mkdir -p \"\$out/\$(basename \"\$f\")\"; '$ours' extract -C \"\$out/\$(basename \"\$f\")\" \"\$f\" || true; done"
+  measure "tnef extract loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$ours' extract -C \"\$d\" \"\$f\" || true; done"
   measure "tnef extract batch" "'$ours' extract -C \"\$out\" $list || true"
   measure "peer tnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; (cd \"\$d\" && '$peer_tnef' -f \"\$f\") || true; done"
   measure "peer ytnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$peer_ytnef' -f \"\$d\" \"\$f\" || true; done"
