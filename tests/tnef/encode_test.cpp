@@ -279,7 +279,7 @@ TEST(Encode, PropertyTextsBecomePropertyRecords) {
     EXPECT_EQ(find(recs, attSubject)->data, "subject\0"s);
 }
 
-// Parts 1 (the body) and 2 (the TNEF file) never carry attachment data.
+// The first two parts (the body and the TNEF file) never carry attachment data.
 Message& receivedParts(Message& m) {
     return m.part(1167, "BDY.TXT", "body\n").part(2130, "winmail.dat", "tnef");
 }

@@ -35,7 +35,7 @@ constexpr const char* kDecodeHelp =
     "\"receipt_code\",\"reply_requested\",\"attachments\":[{\"part\",\"type\",\"name\",\"size\",\n"
     "\"depth\",\"path\"}]}.\n";
 
-// Parts 1 and 2 of a received message are its body and the TNEF file itself.
+// The first two parts of a received message are its body and the TNEF file itself.
 constexpr uint32_t kFirstAttachmentPart = 3;
 constexpr uint16_t kReceiptDelivery = 4;
 constexpr uint16_t kReceiptRead = 7;

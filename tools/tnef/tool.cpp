@@ -26,8 +26,8 @@ std::string ParsedArgs::get(std::string_view name, std::string_view fallback) co
 
 namespace {
 
-const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, std::string_view name) {
-    for (const OptionSpec& s : specs)
+const OptionInfo* findOption(const std::vector<OptionInfo>& known, std::string_view name) {
+    for (const OptionInfo& s : known)
         if (name == s.name) return &s;
     return nullptr;
 }
@@ -35,7 +35,7 @@ const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, std::string_vie
 }  // namespace
 
 bool parseArgs(const std::string& command, const std::vector<std::string>& args,
-               const std::vector<OptionSpec>& specs, ParsedArgs* parsed) {
+               const std::vector<OptionInfo>& known, ParsedArgs* parsed) {
     bool optionsEnded = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
@@ -53,19 +53,19 @@ bool parseArgs(const std::string& command, const std::vector<std::string>& args,
         }
         const size_t eq = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
         const std::string name = arg.substr(0, eq);
-        const OptionSpec* spec = findSpec(specs, name);
-        if (spec == nullptr) {
+        const OptionInfo* option = findOption(known, name);
+        if (option == nullptr) {
             usageError(command, "unknown option '" + name + "'");
             return false;
         }
         std::string value;
         if (eq != std::string::npos) {
-            if (!spec->takesValue) {
+            if (!option->takesValue) {
                 usageError(command, "option '" + name + "' takes no value");
                 return false;
             }
             value = arg.substr(eq + 1);
-        } else if (spec->takesValue) {
+        } else if (option->takesValue) {
             if (i + 1 >= args.size()) {
                 usageError(command, "option '" + name + "' needs a value");
                 return false;

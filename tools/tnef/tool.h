@@ -19,7 +19,7 @@ struct GlobalOptions {
 };
 
 // One option a subcommand accepts: "--name" or "-n", with a value or without.
-struct OptionSpec {
+struct OptionInfo {
     const char* name;
     bool takesValue;
 };
@@ -36,11 +36,11 @@ struct ParsedArgs {
     std::string get(std::string_view name, std::string_view fallback = {}) const;
 };
 
-// Parses args against specs ("--name value", "--name=value", "-n value"; "--" ends the
+// Parses args against known ("--name value", "--name=value", "-n value"; "--" ends the
 // options; "--help" and "-h" set help). On an unknown option or a missing value it reports
 // the fault for command and returns false.
 bool parseArgs(const std::string& command, const std::vector<std::string>& args,
-               const std::vector<OptionSpec>& specs, ParsedArgs* parsed);
+               const std::vector<OptionInfo>& known, ParsedArgs* parsed);
 
 // "tnef: <subject>: <what>" on stderr, one line.
 void reportError(std::string_view subject, std::string_view what);
