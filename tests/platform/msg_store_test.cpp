@@ -70,6 +70,19 @@ TEST(Messages, PartsAreLinksInOrderAndOutliveTheItemsOwnName) {
         EXPECT_EQ(escapeOf([&] { partBytes(msg.get(), missing); }).reason, ER_STORE_NO_PART);
 }
 
+TEST(Messages, OnlyTheLastPartDetachesAndCountsFollow) {
+    TestHome home;
+    MsgOwner msg(Msg_Create());
+    for (const char* c : {"one", "two", "three"}) Msg_AttachFile(msg.get(), dataItem(c));
+    EXPECT_EQ(Msg_GetPartCount(msg.get()), 3u);
+    for (uint32_t notLast : {0u, 1u, 2u, 4u})
+        EXPECT_EQ(escapeOf([&] { Msg_DetachFile(msg.get(), notLast); }).reason, ER_STORE_NO_PART);
+    Msg_DetachFile(msg.get(), 3);
+    EXPECT_EQ(Msg_GetPartCount(msg.get()), 2u) << "a remembered count must not outlive its part";
+    EXPECT_EQ(Msg_AttachFile(msg.get(), dataItem("again")), 3);
+    EXPECT_EQ(partBytes(msg.get(), 3), "again");
+}
+
 TEST(Messages, SaveFillsOnlyCountedPartsThatHaveNoSizeYet) {
     TestHome home;
     MsgOwner msg(Msg_Create());
