@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/store_checks.h"
 #include "support/test_home.h"
 #include "support/tnef_builder.h"
 #include "tnef/platform/er_escape.h"
@@ -65,17 +66,6 @@ std::vector<std::pair<std::string, std::string>> builderStreams() {
     return {{"builder-simple", simple.bytes()}, {"builder-nested", nested.bytes()}};
 }
 
-std::string storedText(int16_t tf, const TFREC& head, uint32_t textType) {
-    TFREC text;
-    if (!tf_ReadRecord(tf, &text) || tf_GetType(&text) != textType) return {};
-    char* buffer = nullptr;
-    uint32_t length = tf_GetINT32(&head, 28);
-    uint32_t flags = 0;
-    mp_BuildMAPIProps(tf, &text, textType, &buffer, &length, &flags);
-    std::string out(buffer, length);
-    os_free(buffer);
-    return out;
-}
 
 // The two property texts the decoder stores for a stream; empty when it escapes.
 std::pair<std::string, std::string> decodedTexts(const std::string& path) {
@@ -89,12 +79,8 @@ std::pair<std::string, std::string> decodedTexts(const std::string& path) {
         uint16_t receipt = 0;
         uint32_t reply = 0;
         tnef_Decode(message, &file, path.c_str(), &receipt, &reply, 0, 0);
-        tf_UnreadFile(file);
-        TFREC r;
-        while (tf_ReadRecord(file, &r)) {
-            if (tf_GetType(&r) == 19500) texts.first = storedText(file, r, 19510);
-            if (tf_GetType(&r) == 19600) texts.second = storedText(file, r, 19610);
-        }
+        for (const auto& text : storecheck::storedTexts(file))
+            (text.secondary ? texts.second : texts.first) = text.bytes;
     } catch (const Escape&) {
     }
     if (file != receivedFile) tf_CloseFile(file);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "tnef/platform/er_escape.h"
+#include "tnef/platform/mp_stored.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 
@@ -46,6 +48,26 @@ inline std::vector<TFREC> recordsOf(int16_t tf) {
     for (TFREC r; tf_ReadRecord(tf, &r) != 0;) records.push_back(r);
     tf_UnreadFile(tf);
     return records;
+}
+
+// The property texts stored in a message file, in file order: main texts (19510) and
+// secondary texts (19610) alike, with a flag saying which.
+struct StoredText {
+    bool secondary;
+    std::string bytes;
+};
+inline std::vector<StoredText> storedTexts(int16_t tf) {
+    std::vector<StoredText> texts;
+    for (const TFREC& r : recordsOf(tf)) {
+        const uint32_t type = tf_GetType(&r);
+        if (type != TFREC_PROPS_DATA && type != TFREC_PROPS2_DATA) continue;
+        char* buffer = nullptr;
+        uint32_t length = tf_GetINT32(&r, 20), flags = 0;
+        mp_BuildMAPIProps(tf, &r, type, &buffer, &length, &flags);
+        texts.push_back({type == TFREC_PROPS2_DATA, std::string(buffer, length)});
+        os_free(buffer);
+    }
+    return texts;
 }
 
 inline std::vector<uint32_t> typesOf(int16_t tf) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/store_checks.h"
 #include "support/test_home.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/im_items.h"
@@ -37,17 +38,6 @@ struct Snapshot {
     std::vector<std::string> texts;      // the stored property texts, in file order
 };
 
-std::string textOf(int16_t tf, const TFREC& head, uint32_t textType) {
-    TFREC text;
-    if (!tf_ReadRecord(tf, &text) || tf_GetType(&text) != textType) return "<missing>";
-    char* buffer = nullptr;
-    uint32_t length = tf_GetINT32(&head, 28);
-    uint32_t flags = 0;
-    mp_BuildMAPIProps(tf, &text, textType, &buffer, &length, &flags);
-    std::string out(buffer, length);
-    os_free(buffer);
-    return out;
-}
 
 void readRecords(int16_t tf, Snapshot* s) {
     tf_UnreadFile(tf);
@@ -59,8 +49,6 @@ void readRecords(int16_t tf, Snapshot* s) {
             case 1100: s->headerFlags = tf_GetINT32(&r, 24); break;
             case 11100: s->subject = tf_GetStrPtr(&r, 16, &next); break;
             case 11200: s->messageClass = tf_GetStrPtr(&r, 16, &next); break;
-            case 19500: s->texts.push_back(textOf(tf, r, 19510)); break;
-            case 19600: s->texts.push_back(textOf(tf, r, 19610)); break;
             case 30500: {
                 if (++parts <= 2) break;
                 const std::string first = tf_GetStrPtr(&r, 36, &next);
@@ -71,6 +59,7 @@ void readRecords(int16_t tf, Snapshot* s) {
             default: break;
         }
     }
+    for (const auto& text : storecheck::storedTexts(tf)) s->texts.push_back(text.bytes);
 }
 
 // Decodes the TNEF file at path as a received message; false when the decode escapes.

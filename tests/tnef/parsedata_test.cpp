@@ -300,19 +300,6 @@ std::string reextracted(const TestHome& home, const std::string& text) {
     return out;
 }
 
-std::vector<std::string> storedTexts(int16_t tf) {
-    std::vector<std::string> texts;
-    for (const TFREC& r : storecheck::recordsOf(tf)) {
-        const uint32_t type = tf_GetType(&r);
-        if (type != TFREC_PROPS_DATA && type != TFREC_PROPS2_DATA) continue;
-        char* buffer = nullptr;
-        uint32_t length = tf_GetINT32(&r, 20), flags = 0;
-        mp_BuildMAPIProps(tf, &r, type, &buffer, &length, &flags);
-        texts.emplace_back(buffer, length);
-        os_free(buffer);
-    }
-    return texts;
-}
 
 }  // namespace
 
@@ -329,7 +316,7 @@ TEST(ParseData, StoredTextsOfTheCorpusComeBackAsTheSameProperties) {
         uint32_t reply = 0;
         try {
             tnef_Decode(msg, &tf, file.path().c_str(), &receipt, &reply, 0, 0);
-            for (const std::string& text : storedTexts(tf)) {
+            for (const auto& [secondary, text] : storecheck::storedTexts(tf)) {
                 EXPECT_EQ(reextracted(home, text), entriesOf(text, true)) << file.path().filename();
                 // Every named entry has its set in the same text, or the encoder would lose it.
                 EXPECT_EQ(entriesOf(text, false).find(escaped(std::string(16, '\0')) + "#"),

@@ -135,8 +135,9 @@ std::vector<StoredText> readStoredTexts(int16_t message) {
     return texts;
 }
 
-const char* priorityName(uint32_t flags) {
-    switch (flags & 7) {
+// Priority and importance share their codes: 0 normal, 1 low, 2 high.
+static const char* levelName(uint32_t code) {
+    switch (code) {
         case 0:
             return "normal";
         case 1:
@@ -148,18 +149,9 @@ const char* priorityName(uint32_t flags) {
     }
 }
 
-const char* importanceName(uint32_t flags) {
-    switch ((flags >> 6) & 7) {
-        case 0:
-            return "normal";
-        case 1:
-            return "low";
-        case 2:
-            return "high";
-        default:
-            return "unknown";
-    }
-}
+const char* priorityName(uint32_t flags) { return levelName(flags & 7); }
+
+const char* importanceName(uint32_t flags) { return levelName((flags >> 6) & 7); }
 
 const char* sensitivityName(uint32_t flags) {
     switch ((flags >> 3) & 7) {
