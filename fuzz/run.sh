@@ -5,7 +5,8 @@
 #                                          seeds and kept inputs; fails on any finding
 #   fuzz/run.sh campaign SECONDS [TARGET…] long runs that keep what they grow: new inputs go to
 #                                          tests/fuzz/<target>/corpus, minimised crashers to
-#                                          tests/fuzz/<target>/crashers
+#                                          tests/fuzz/<target>/crashers; TNEF_FUZZ_JOBS=N runs
+#                                          N targets at once (one core each)
 #
 # Seeds are made fresh each time (builder streams, and the shared corpus when ../shared is
 # beside the checkout); they are never stored in the repository.
@@ -34,6 +35,24 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 common=(-dict="$root/fuzz/tnef.dict" -timeout=10 -rss_limit_mb=2048 -max_len=65536)
 
+campaign_one() {
+  local t=$1 seconds=$2 kept="$root/tests/fuzz/$1" grown merged log="$root/build/fuzz/campaign-$1.log"
+  mkdir -p "$kept/corpus" "$kept/crashers"
+  grown=$(mktemp -d)
+  echo "== fuzz_$t: ${seconds}s"
+  build/fuzz/fuzz/fuzz_$t "${common[@]}" -max_total_time="$seconds" -print_final_stats=1 \
+    -artifact_prefix="$kept/crashers/" "$grown" "$kept/corpus" "$seeds/$t" \
+    2>"$log" || echo "fuzz_$t stopped on a finding: see $log"
+  grep -E 'stat::number_of_executed_units|DONE|ERROR' "$log" | tail -n 3 | sed "s/^/   $t: /" || true
+  # Keep a minimal set that covers what the grown inputs cover, without the seeds themselves.
+  merged=$(mktemp -d)
+  build/fuzz/fuzz/fuzz_$t "${common[@]}" -merge=1 "$merged" "$kept/corpus" "$grown" \
+    2>/dev/null || true
+  rm -rf "$kept/corpus" && mkdir -p "$kept/corpus" && cp "$merged"/* "$kept/corpus/" 2>/dev/null || true
+  rm -rf "$grown" "$merged"
+  echo "   $t kept inputs: $(ls "$kept/corpus" | wc -l), crashers: $(ls "$kept/crashers" | wc -l)"
+}
+
 case "$mode" in
   ci)
     runs=${2:-2000}
@@ -54,23 +73,13 @@ case "$mode" in
     seconds=${2:?seconds per target}
     shift 2 || true
     [ $# -gt 0 ] && targets=("$@")
+    jobs=${TNEF_FUZZ_JOBS:-1}
     for t in "${targets[@]}"; do
-      kept="$root/tests/fuzz/$t"
-      mkdir -p "$kept/corpus" "$kept/crashers"
-      grown=$(mktemp -d)
-      echo "== fuzz_$t: ${seconds}s"
-      build/fuzz/fuzz/fuzz_$t "${common[@]}" -max_total_time="$seconds" -print_final_stats=1 \
-        -artifact_prefix="$kept/crashers/" "$grown" "$kept/corpus" "$seeds/$t" \
-        2>"build/fuzz/campaign-$t.log" || echo "fuzz_$t stopped on a finding: see build/fuzz/campaign-$t.log"
-      grep -E 'stat::number_of_executed_units|DONE|ERROR' "build/fuzz/campaign-$t.log" | tail -n 3 || true
-      # Keep a minimal set that covers what the grown inputs cover, without the seeds themselves.
-      merged=$(mktemp -d)
-      build/fuzz/fuzz/fuzz_$t "${common[@]}" -merge=1 "$merged" "$kept/corpus" "$grown" \
-        2>/dev/null || true
-      rm -rf "$kept/corpus" && mkdir -p "$kept/corpus" && cp "$merged"/* "$kept/corpus/" 2>/dev/null || true
-      rm -rf "$grown" "$merged"
-      echo "   kept inputs: $(ls "$kept/corpus" | wc -l), crashers: $(ls "$kept/crashers" | wc -l)"
+      # One core per target: at most $jobs targets run at once.
+      while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
+      campaign_one "$t" "$seconds" &
     done
+    wait
     ;;
   *) echo "usage: $0 ci [RUNS] | campaign SECONDS [TARGET...]" >&2; exit 2 ;;
 esac
