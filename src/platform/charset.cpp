@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "os_buffer.h"
 #include "tnef/platform/os_file.h"
 
 namespace {
@@ -30,6 +31,7 @@ struct AliasCache {
     off_t size = -1;
     bool loaded = false;
     std::vector<AliasEntry> entries;
+    uint64_t checkedIn = 0;  // the I/O batch that last looked at the file
 };
 AliasCache g_aliases;
 
@@ -42,16 +44,20 @@ std::string trim(std::string_view s) {
 
 void refreshAliases() {
     std::string path = os_ResolvePath(CHARSET_ALIAS_PATH);
+    // Within one batch (one decode or encode) the file is looked at once.
+    const uint64_t batch = osio::batchSerial();
+    if (batch != 0 && g_aliases.checkedIn == batch && g_aliases.path == path) return;
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
-        g_aliases = AliasCache{path, {}, -1, true, {}};
+        g_aliases = AliasCache{path, {}, -1, true, {}, batch};
         return;
     }
+    g_aliases.checkedIn = batch;
     if (g_aliases.loaded && g_aliases.path == path && g_aliases.size == st.st_size &&
         g_aliases.mtime.tv_sec == st.st_mtim.tv_sec &&
         g_aliases.mtime.tv_nsec == st.st_mtim.tv_nsec)
         return;
-    AliasCache fresh{path, st.st_mtim, st.st_size, true, {}};
+    AliasCache fresh{path, st.st_mtim, st.st_size, true, {}, batch};
     std::ifstream in(path);
     std::string line;
     while (std::getline(in, line)) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "os_buffer.h"
 #include "tnef/platform/os_file.h"
 
 namespace {
@@ -19,6 +20,7 @@ struct FlagCache {
     struct timespec mtime {};
     bool loaded = false;
     std::map<std::string, std::string> values;
+    uint64_t checkedIn = 0;  // the I/O batch that last looked at the file
 };
 FlagCache g_file;
 std::map<std::string, std::string> g_overrides;
@@ -40,15 +42,19 @@ FlagValue parseValue(const std::string& v) {
 
 void refreshFile() {
     std::string path = os_ResolvePath("~/sys/custom.flags");
+    // Within one batch (one decode or encode) the file is looked at once.
+    const uint64_t batch = osio::batchSerial();
+    if (batch != 0 && g_file.checkedIn == batch && g_file.path == path) return;
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
-        g_file = FlagCache{path, {}, true, {}};
+        g_file = FlagCache{path, {}, true, {}, batch};
         return;
     }
+    g_file.checkedIn = batch;
     if (g_file.loaded && g_file.path == path && g_file.mtime.tv_sec == st.st_mtim.tv_sec &&
         g_file.mtime.tv_nsec == st.st_mtim.tv_nsec)
         return;
-    FlagCache fresh{path, st.st_mtim, true, {}};
+    FlagCache fresh{path, st.st_mtim, true, {}, batch};
     std::ifstream in(path);
     std::string line;
     while (std::getline(in, line)) {

@@ -1,6 +1,7 @@
 #include "tnef/platform/im_items.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -52,6 +53,16 @@ uint32_t randomWord() {
     return static_cast<uint32_t>(generator());
 }
 
+uint32_t processId() {
+    // getpid is a system call per new name; the id only changes in a forked child.
+    static pid_t cached = [] {
+        ::pthread_atfork(nullptr, nullptr, [] { cached = 0; });
+        return ::getpid();
+    }();
+    if (cached == 0) cached = ::getpid();
+    return static_cast<uint32_t>(cached);
+}
+
 std::string homePath(const std::string& relative) { return os_ResolvePath(relative); }
 
 std::string hex8(uint32_t value) {
@@ -93,7 +104,7 @@ int im_CrNewItem(uint32_t kind, ItemRef* ref) {
                      "items of kind " + std::to_string(kind) + " are not created here");
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         ItemRef candidate{{kind, static_cast<uint32_t>(std::time(nullptr)),
-                           static_cast<uint32_t>(::getpid()), store::randomWord()}};
+                           store::processId(), store::randomWord()}};
         const std::string path = im_ItemRef2FName(candidate);
         try {
             const int fd = os_open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0660);

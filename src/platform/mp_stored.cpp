@@ -40,10 +40,14 @@ ItemRef linkAsObject(const std::string& source) {
     os_SyncFiles();
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         const ItemRef kept{{IM_KIND_OBJECT, static_cast<uint32_t>(std::time(nullptr)),
-                            static_cast<uint32_t>(::getpid()), store::randomWord()}};
+                            store::processId(), store::randomWord()}};
         const std::string target = im_ItemRef2FName(kept);
-        os_MakeParentDirs(target);
         if (::link(source.c_str(), target.c_str()) == 0) return kept;
+        // The objects folder is made with the first object a home keeps.
+        if (errno == ENOENT) {
+            os_MakeParentDirs(target);
+            if (::link(source.c_str(), target.c_str()) == 0) return kept;
+        }
         if (errno != EEXIST)
             store::raiseErrno(errno, kUnit, __LINE__, "cannot link " + source + " to " + target);
     }

@@ -232,14 +232,18 @@ std::vector<std::string> Msg_List() {
 int Msg_OpenHandleCount() { return messages().openCount(); }
 
 int Msg_AttachFile(int16_t msg, const ItemRef& ref) {
-    const Message& m = lookup(msg);
+    Message& m = lookup(msg);
     const std::string source = im_ItemRef2FName(ref);
     os_SyncFiles();
     // Another process attaching to the same message takes the number first; link() then
-    // fails and the next number is tried.
-    for (uint32_t part = Msg_GetPartCount(msg) + 1;; ++part) {
+    // fails and the next number is tried. A fresh handle starts at part 1 the same way.
+    const uint32_t first = m.partsSeen != 0 && partExists(m, m.partsSeen) ? m.partsSeen + 1 : 1;
+    for (uint32_t part = first;; ++part) {
         const std::string target = im_ItemRef2FName(memberRef(m, part));
-        if (::link(source.c_str(), target.c_str()) == 0) return static_cast<int>(part);
+        if (::link(source.c_str(), target.c_str()) == 0) {
+            m.partsSeen = part;
+            return static_cast<int>(part);
+        }
         if (errno != EEXIST)
             store::raiseErrno(errno, kUnit, __LINE__, "cannot link " + source + " to " + target);
     }
@@ -254,13 +258,14 @@ void Msg_GetAttachedFile(int16_t msg, ItemRef* ref, uint32_t partNumber) {
 }
 
 void Msg_DetachFile(int16_t msg, uint32_t partNumber) {
-    const Message& m = lookup(msg);
+    Message& m = lookup(msg);
     if (partNumber == 0 || !partExists(m, partNumber) || partExists(m, partNumber + 1))
         store::raise(ER_STORE_NO_PART, kUnit, __LINE__,
                      "part " + std::to_string(partNumber) + " is not the last part");
     const std::string link = im_ItemRef2FName(memberRef(m, partNumber));
     if (::unlink(link.c_str()) != 0)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot remove " + link);
+    m.partsSeen = partNumber - 1;
 }
 
 uint32_t Msg_GetPartCount(int16_t msg) {

@@ -78,6 +78,7 @@ struct Descriptor {
 struct Batch {
     int depth = 0;
     int64_t bufferSize = 0;  // fixed for the batch when the outermost one begins
+    uint64_t serial = 0;     // counts outermost batches
     std::vector<std::unique_ptr<Descriptor>> fds;
     osio::Failure deferred;
 };
@@ -332,7 +333,15 @@ void endBatch(bool raise) {
     if (raise && first.err != 0) fail(first.err, __LINE__, first.what);
 }
 
+std::vector<osio::EndHook>& endHooks() {
+    static std::vector<osio::EndHook> hooks;
+    return hooks;
+}
+
 void leaveBatch(bool raise) {
+    if (g_batch.depth == 1)
+        for (osio::EndHook hook : endHooks())
+            if (g_batch.bufferSize > 0) osio::defer(hook());
     if (--g_batch.depth > 0) return;
     endBatch(raise);
 }
@@ -482,6 +491,14 @@ Failure beforeClose(int fd) {
     return f;
 }
 
+uint64_t batchSerial() {
+    return inBatch() ? g_batch.serial : 0;
+}
+
+void addEndHook(EndHook hook) {
+    endHooks().push_back(hook);
+}
+
 void defer(const Failure& failure) {
     if (failure.err != 0 && g_batch.deferred.err == 0) g_batch.deferred = failure;
 }
@@ -500,7 +517,10 @@ void beforeStream(bool writes) {
 // ---- Public entries -------------------------------------------------------------------------
 
 OsIoBatch::OsIoBatch() : unwinding_(std::uncaught_exceptions()) {
-    if (g_batch.depth++ == 0) g_batch.bufferSize = g_bufferSize;
+    if (g_batch.depth++ == 0) {
+        g_batch.bufferSize = g_bufferSize;
+        ++g_batch.serial;
+    }
 }
 
 OsIoBatch::~OsIoBatch() noexcept(false) {

@@ -44,6 +44,13 @@ int64_t fileSize(int fd);
 Failure beforeClose(int fd);
 // Keeps a failure for the end of the batch, which raises it unless an escape is on its way.
 void defer(const Failure& failure);
+// A number of the open batch, another for each batch; 0 outside one. What a batch learned
+// of configuration files holds until it ends.
+uint64_t batchSerial();
+// Called when the outermost batch is about to end, before its pending bytes are written:
+// a layer above that holds bytes back writes them then, and returns what failed.
+using EndHook = Failure (*)();
+void addEndHook(EndHook hook);
 // Before a standard I/O stream opens a file by name: every pending byte written (a failure
 // is kept for the end of the batch), and for a stream that writes, what is known of every
 // file forgotten, since it may change one behind the descriptors.

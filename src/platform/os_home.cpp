@@ -32,13 +32,26 @@ std::string os_ResolvePath(const std::string& path) {
     return path;
 }
 
+namespace {
+
+// Creates dir, and its missing parents first. A home in use has its folders: trying the
+// deepest first costs one call then, not one per level.
+void makeDir(const std::string& dir) {
+    if (::mkdir(dir.c_str(), 0770) == 0 || errno == EEXIST) return;
+    const std::string::size_type slash = dir.rfind('/');
+    if (errno != ENOENT || slash == 0 || slash == std::string::npos)
+        er_TracedEscapeText(ER_GROUP_IO, errno, "src/platform/os_home", __LINE__,
+                            "cannot create folder " + dir);
+    makeDir(dir.substr(0, slash));
+    if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST)
+        er_TracedEscapeText(ER_GROUP_IO, errno, "src/platform/os_home", __LINE__,
+                            "cannot create folder " + dir);
+}
+
+}  // namespace
+
 void os_MakeParentDirs(const std::string& resolvedPath) {
-    std::string::size_type slash = resolvedPath.find('/', 1);
-    while (slash != std::string::npos) {
-        std::string dir = resolvedPath.substr(0, slash);
-        if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST)
-            er_TracedEscapeText(ER_GROUP_IO, errno, "src/platform/os_home", __LINE__,
-                                "cannot create folder " + dir);
-        slash = resolvedPath.find('/', slash + 1);
-    }
+    const std::string::size_type slash = resolvedPath.rfind('/');
+    if (slash == 0 || slash == std::string::npos) return;
+    makeDir(resolvedPath.substr(0, slash));
 }

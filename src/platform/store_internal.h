@@ -21,6 +21,8 @@ namespace store {
 
 // A fresh random word for new names. Seeded per process from the system's entropy.
 uint32_t randomWord();
+// This process's id, asked of the kernel once (and again in a forked child).
+uint32_t processId();
 // "~/..." resolved against the server home.
 std::string homePath(const std::string& relative);
 std::string hex8(uint32_t value);
@@ -76,6 +78,12 @@ public:
         return std::move(slots_[handle & (kSlots - 1)].item);
     }
 
+    template <typename F>
+    void forEach(F f) {
+        for (Slot& s : slots_)
+            if (s.item) f(*s.item);
+    }
+
     int openCount() const {
         int n = 0;
         for (const Slot& s : slots_) n += s.item ? 1 : 0;
@@ -100,9 +108,13 @@ struct MsgFile {
     int64_t cursor = 0;       // where the next tf_ReadRecord starts
     int64_t lastOffset = -1;  // the record last read, for tf_OverwriteRecord
     uint32_t lastLength = 0;
+    // Records appended inside an I/O batch, not yet written, and where they go.
+    std::string appended;
+    int64_t appendAt = 0;
 };
 
-// The open message file behind a handle; raises 103/2 for a handle that is not open.
+// The open message file behind a handle, with every appended record in the file; raises
+// 103/2 for a handle that is not open.
 MsgFile& tfLookup(int16_t handle);
 // Cuts the file back to size (undoing appends that must not stay half done).
 void tfTruncate(MsgFile& file, int64_t size);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "os_buffer.h"
 #include "store_internal.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
@@ -86,6 +87,39 @@ bool cutBackQuietly(int fd, int64_t size) {
     return ::ftruncate(fd, static_cast<off_t>(size)) == 0;
 }
 
+// Appended records wait while a batch is open, up to this many bytes: a decode appends a
+// record at a time, and one write for all of them saves a system call per record.
+constexpr size_t kAppendBatch = 64 * 1024;
+
+// Writes the waiting records in one call. On failure none of them stays in the file, so
+// that the file still reads record by record.
+void settle(store::MsgFile& file) {
+    if (file.appended.empty()) return;
+    std::string bytes;
+    bytes.swap(file.appended);
+    try {
+        os_lseek64(file.fd.get(), file.appendAt, SEEK_SET);
+        os_write(file.fd.get(), bytes.data(), static_cast<int64_t>(bytes.size()));
+        os_FlushFd(file.fd.get());
+    } catch (const Escape&) {
+        cutBackQuietly(file.fd.get(), file.appendAt);
+        throw;
+    }
+}
+
+// The records still waiting when a batch ends go then; a failure is reported by the batch.
+osio::Failure settleAll() {
+    osio::Failure first;
+    files().forEach([&](store::MsgFile& file) {
+        try {
+            settle(file);
+        } catch (const Escape& e) {
+            if (first.err == 0) first = {e.reason, "write failed on " + file.path};
+        }
+    });
+    return first;
+}
+
 void checkOutgoing(const store::MsgFile& file, const TFREC* record, int line) {
     const uint32_t length = tf_GetLength(record);
     if (length < TF_RECORD_HEADER || length > TF_RECORD_MAX)
@@ -96,7 +130,11 @@ void checkOutgoing(const store::MsgFile& file, const TFREC* record, int line) {
 
 namespace store {
 
-MsgFile& tfLookup(int16_t handle) { return files().get(handle, kUnit, __LINE__, "message file"); }
+MsgFile& tfLookup(int16_t handle) {
+    MsgFile& file = files().get(handle, kUnit, __LINE__, "message file");
+    settle(file);
+    return file;
+}
 
 int64_t tfSize(MsgFile& file) { return os_lseek64(file.fd.get(), 0, SEEK_END); }
 
@@ -165,8 +203,16 @@ int tf_ReadRecord(int16_t tf, TFREC* record) {
 }
 
 void tf_AppendRecord(int16_t tf, const TFREC* record) {
-    store::MsgFile& file = store::tfLookup(tf);
+    store::MsgFile& file = files().get(tf, kUnit, __LINE__, "message file");
     checkOutgoing(file, record, __LINE__);
+    if (os_InIoBatch()) {
+        static const bool hooked = (osio::addEndHook(settleAll), true);
+        (void)hooked;
+        if (file.appended.empty()) file.appendAt = store::tfSize(file);
+        file.appended.append(reinterpret_cast<const char*>(record->bytes), tf_GetLength(record));
+        if (file.appended.size() >= kAppendBatch) settle(file);
+        return;
+    }
     const int64_t end = store::tfSize(file);
     try {
         os_write(file.fd.get(), record->bytes, tf_GetLength(record));
@@ -228,6 +274,7 @@ void tf_CloseFile(int16_t tf) {
     if (!file)
         store::raise(ER_STORE_BAD_HANDLE, kUnit, __LINE__,
                      "message file handle " + std::to_string(tf) + " is not open");
+    settle(*file);
     file->fd.close();
 }
 
@@ -385,6 +432,13 @@ TfFileOwner::~TfFileOwner() {
     if (!file) return;
     if (discard_) {
         ImItemOwner item(file->ref);  // removes the name when it goes
+        return;
+    }
+    try {
+        settle(*file);
+    } catch (const Escape& e) {
+        // No caller to tell here: the batch reports it when it ends.
+        osio::defer({e.reason, "write failed on " + file->path});
     }
     // OsFd closes without raising as file goes.
 }

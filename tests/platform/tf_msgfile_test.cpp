@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -170,6 +172,53 @@ TEST(MessageFile, AFailedAppendLeavesTheFileAsItWas) {
     {
         FailingWrites full(1);
         EXPECT_EQ(escapeOf([&] { tf_AppendRecord(tf.get(), &second); }).reason, ENOSPC);
+    }
+    EXPECT_EQ(bytesOfAll(tf.get()), std::vector<std::string>{bytesOf(first)});
+}
+
+// Inside a batch appended records wait and go in one write; whatever reads the file, by
+// handle or by name, and the end of the batch find them there.
+TEST(MessageFile, RecordsAppendedInABatchReachTheFile) {
+    TestHome home;
+    TfFileOwner tf(tf_CreateFile());
+    const TFREC first = makeRecord(1100, 40, 1), second = makeRecord(11100, 3000, 2);
+    const std::string path = tf_GetFileName(tf.get());
+    {
+        OsIoBatch batch;
+        tf_AppendRecord(tf.get(), &first);
+        tf_AppendRecord(tf.get(), &second);
+        EXPECT_EQ(std::filesystem::file_size(tf_GetFileName(tf.get())), 3040u);
+        EXPECT_EQ(bytesOfAll(tf.get()), (std::vector<std::string>{bytesOf(first), bytesOf(second)}));
+        tf_AppendRecord(tf.get(), &first);
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), 3080u);  // the handle is still open
+}
+
+TEST(MessageFile, AFailedWriteOfWaitingRecordsTakesThemAllBack) {
+    TestHome home;
+    TfFileOwner tf(tf_CreateFile());
+    const TFREC first = makeRecord(1100, 40, 1), second = makeRecord(11100, 3000, 2);
+    tf_AppendRecord(tf.get(), &first);
+    {
+        OsIoBatch batch;
+        tf_AppendRecord(tf.get(), &second);
+        tf_AppendRecord(tf.get(), &second);
+        // The disk fills half way through the write.
+        static bool wrote;
+        wrote = false;
+        OsSysCalls calls = os_GetSysCalls();
+        calls.write = [](int fd, const void* buffer, size_t count) -> ssize_t {
+            if (!wrote) {
+                wrote = true;
+                return ::write(fd, buffer, count / 2);
+            }
+            errno = ENOSPC;
+            return -1;
+        };
+        os_SetSysCalls(&calls);
+        EXPECT_EQ(escapeOf([&] { tf_UnreadFile(tf.get()); }).reason, ENOSPC);
+        os_SetSysCalls(nullptr);
+        EXPECT_TRUE(wrote);
     }
     EXPECT_EQ(bytesOfAll(tf.get()), std::vector<std::string>{bytesOf(first)});
 }
