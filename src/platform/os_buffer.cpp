@@ -59,6 +59,7 @@ struct Descriptor {
     // No buffers of its own: not a regular file, or appending (the kernel picks the offset).
     bool direct = true;
     bool writable = false;
+    bool readable = false;
     // Raw calls may have moved the kernel's offset: read it again before the next use.
     bool relearn = false;
     dev_t dev = 0;
@@ -154,6 +155,7 @@ Descriptor* enroll(int fd, int flags, std::string path, bool atStart) {
     d->ino = st.st_ino;
     const int access = flags & O_ACCMODE;
     d->writable = access == O_WRONLY || access == O_RDWR;
+    d->readable = access == O_RDONLY || access == O_RDWR;
     d->direct = !d->regular || (flags & O_APPEND) != 0;
     d->size = d->regular ? st.st_size : -1;
     for (const auto& o : g_batch.fds)
@@ -361,6 +363,9 @@ int64_t bufRead(int fd, void* buffer, int64_t count, bool raise) {
         if (Descriptor* f = flushFile(*d)) return failed(__LINE__, raise, "write", *f);
         return passRead(fd, d, buffer, count, raise);
     }
+    // The size is known (pending bytes counted): a read at the end needs no call, unless the
+    // kernel would refuse it.
+    if (d->readable && d->size >= 0 && d->pos >= d->size) return 0;
     auto* out = static_cast<unsigned char*>(buffer);
     int64_t done = 0;
     bool endSeen = false;
