@@ -8,6 +8,8 @@
 #                                          tests/fuzz/<target>/crashers; TNEF_FUZZ_JOBS=N runs
 #                                          N targets at once (one core each)
 #
+# tests/fuzz/<target>/sample holds a few hundred inputs grown from the builder seeds alone
+# (kept in the repository; the resource test runs them too).
 # Seeds are made fresh each time (builder streams, and the shared corpus when ../shared is
 # beside the checkout); they are never stored in the repository.
 set -euo pipefail
@@ -62,8 +64,10 @@ case "$mode" in
       work=$(mktemp -d)
       echo "== fuzz_$t: $runs runs"
       # Crashers of the past and kept inputs run first: each is a regression check.
+      samples=()
+      [ -d "$kept/sample" ] && samples=("$kept/sample")
       build/fuzz/fuzz/fuzz_$t "${common[@]}" -runs="$runs" -artifact_prefix="$work/" \
-        "$work" "$kept/crashers" "$kept/corpus" "$seeds/$t" 2>"$work/log" || {
+        "$work" "$kept/crashers" "${samples[@]}" "$kept/corpus" "$seeds/$t" 2>"$work/log" || {
         tail -n 60 "$work/log"; echo "fuzz_$t found a fault"; exit 1; }
       grep -E '^(Done|#[0-9]+ +DONE)' "$work/log" | tail -n 1 || true
       rm -rf "$work"
