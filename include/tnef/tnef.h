@@ -121,6 +121,14 @@ struct TnefAttachScan {
 int tnef_ScanTnef(int fd, uint32_t wantedTag, TnefAttachScan** list);
 // Frees every record of the list and its names, and sets *list to null.
 void tnef_FreeScanList(TnefAttachScan** list);
+// Owns a scan list: pass &head to tnef_ScanTnef; the list is freed when the owner goes.
+struct TnefScanList {
+    TnefAttachScan* head = nullptr;
+    TnefScanList() = default;
+    TnefScanList(const TnefScanList&) = delete;
+    TnefScanList& operator=(const TnefScanList&) = delete;
+    ~TnefScanList() { tnef_FreeScanList(&head); }
+};
 
 // ---- Property extraction -------------------------------------------------------------------
 

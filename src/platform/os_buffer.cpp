@@ -341,9 +341,8 @@ std::vector<osio::EndHook>& endHooks() {
 }
 
 void leaveBatch(bool raise) {
-    if (g_batch.depth == 1)
-        for (osio::EndHook hook : endHooks())
-            if (g_batch.bufferSize > 0) osio::defer(hook());
+    if (g_batch.depth == 1 && g_batch.bufferSize > 0)
+        for (osio::EndHook hook : endHooks()) osio::defer(hook());
     if (--g_batch.depth > 0) return;
     endBatch(raise);
 }

@@ -205,23 +205,12 @@ int tf_ReadRecord(int16_t tf, TFREC* record) {
 void tf_AppendRecord(int16_t tf, const TFREC* record) {
     store::MsgFile& file = files().get(tf, kUnit, __LINE__, "message file");
     checkOutgoing(file, record, __LINE__);
-    if (os_InIoBatch()) {
-        static const bool hooked = (osio::addEndHook(settleAll), true);
-        (void)hooked;
-        if (file.appended.empty()) file.appendAt = store::tfSize(file);
-        file.appended.append(reinterpret_cast<const char*>(record->bytes), tf_GetLength(record));
-        if (file.appended.size() >= kAppendBatch) settle(file);
-        return;
-    }
-    const int64_t end = store::tfSize(file);
-    try {
-        os_write(file.fd.get(), record->bytes, tf_GetLength(record));
-        os_FlushFd(file.fd.get());
-    } catch (const Escape&) {
-        // A half-written record would make every later read of the file fail.
-        cutBackQuietly(file.fd.get(), end);
-        throw;
-    }
+    static const bool hooked = (osio::addEndHook(settleAll), true);
+    (void)hooked;
+    if (file.appended.empty()) file.appendAt = store::tfSize(file);
+    file.appended.append(reinterpret_cast<const char*>(record->bytes), tf_GetLength(record));
+    // Outside a batch, or when enough waits, the records go now.
+    if (!os_InIoBatch() || file.appended.size() >= kAppendBatch) settle(file);
 }
 
 void tf_OverwriteRecord(int16_t tf, const TFREC* record) {

@@ -29,14 +29,6 @@ constexpr const char* kScanHelp =
     "With --json: {\"file\",\"want\",\"found\",\"log\":[lines],\"attachments\":[{\n"
     "\"long_file_name\",\"file_name\",\"has_data\"}]}.\n";
 
-struct ScanList {
-    TnefAttachScan* head = nullptr;
-    ScanList() = default;
-    ScanList(const ScanList&) = delete;
-    ScanList& operator=(const ScanList&) = delete;
-    ~ScanList() { tnef_FreeScanList(&head); }
-};
-
 bool parseTag(const std::string& text, uint32_t* tag) {
     if (text.empty()) return false;
     char* end = nullptr;
@@ -63,7 +55,7 @@ std::string nameOrDash(const char* name) {
 struct ScanResult {
     int found = 0;
     std::string log;  // the log, when it was collected
-    ScanList list;
+    TnefScanList list;
 };
 
 // Runs the scan with its log on stdout, or collected into result->log. False (reported) on

@@ -77,14 +77,6 @@ struct MimePartList {
     }
 };
 
-struct ScanList {
-    TnefAttachScan* head = nullptr;
-    ScanList() = default;
-    ScanList(const ScanList&) = delete;
-    ScanList& operator=(const ScanList&) = delete;
-    ~ScanList() { tnef_FreeScanList(&head); }
-};
-
 // The property text buffer of mp_BuildMAPIProps, reused for every text.
 struct TextBuffer {
     char* data = nullptr;
@@ -113,7 +105,7 @@ struct EncodeState {
     bool specialSecondPart = true;
     bool reportsSeen = false;
     MimePartList parts;
-    ScanList attachments;
+    TnefScanList attachments;
     TextBuffer text;
 };
 

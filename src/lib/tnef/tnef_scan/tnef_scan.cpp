@@ -141,15 +141,6 @@ TnefAttachScan** endOf(TnefAttachScan** list) {
     return list;
 }
 
-// Frees a list that the caller did not ask for.
-struct ScratchList {
-    TnefAttachScan* head = nullptr;
-    ScratchList() = default;
-    ScratchList(const ScratchList&) = delete;
-    ScratchList& operator=(const ScratchList&) = delete;
-    ~ScratchList() { tnef_FreeScanList(&head); }
-};
-
 }  // namespace
 
 char tnef_ScanMark(uint32_t value, uint32_t wantedTag) {
@@ -205,7 +196,7 @@ int tnef_ScanTnef(int fd, uint32_t wantedTag, TnefAttachScan** list) {
     openScanLog();
     logScanStart(wantedTag);
 
-    ScratchList scratch;
+    TnefScanList scratch;  // the records of a caller that wants no list
     ScanList into{endOf(list != nullptr ? list : &scratch.head)};
     KeptNames kept;
     try {
