@@ -61,6 +61,8 @@ inline constexpr uint32_t TNEF_LIST_BAD_PROPS = 0x4;  // an attachment's propert
                                                       // not be read to its end
 inline constexpr uint32_t TNEF_LIST_TRAILING = 0x8;   // bytes too few for a record follow the
                                                       // last record (a mail system's line end)
+inline constexpr uint32_t TNEF_LIST_BAD_CHECKSUM = 0x10;  // a record's checksum is wrong
+inline constexpr uint32_t TNEF_LIST_NO_RECORDS = 0x20;    // the signature and not one record
 
 inline constexpr uint32_t TNEF_ATTACH_NAME_LIMIT = 1024;     // bytes of a name that are read
 inline constexpr uint32_t TNEF_ATTACH_DEPTH_LIMIT = 8;       // embedded messages within each other
@@ -88,6 +90,8 @@ struct TnefAttachInfo {
     std::string displayName;    // PR_DISPLAY_NAME (an embedded message's subject)
     std::string mimeTag;        // PR_ATTACH_MIME_TAG
     std::string contentId;      // PR_ATTACH_CONTENT_ID
+    uint64_t propsOffset = 0;   // the data of its attAttachment record, when it has one
+    uint64_t propsLength = 0;
 };
 
 struct TnefAttachList {

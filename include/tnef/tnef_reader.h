@@ -52,12 +52,16 @@ inline constexpr uint32_t TNEF_READ_NO_RECORDS = 0x20;    // the file holds the 
                                                           // not one whole record
 inline constexpr uint32_t TNEF_READ_TOO_DEEP = 0x40;      // embedded messages nested deeper
                                                           // than TNEF_READ_DEPTH_LIMIT
+inline constexpr uint32_t TNEF_READ_TOO_MANY = 0x80;      // a message view kept no more than
+                                                          // TNEF_VIEW_VALUE_LIMIT values
 
 // Flags of one record.
 inline constexpr uint32_t TNEF_RECORD_CUT = 0x1;           // data or checksum cut by the end
 inline constexpr uint32_t TNEF_RECORD_BAD_CHECKSUM = 0x2;  // the sum of the data differs
 
 inline constexpr uint32_t TNEF_READ_DEPTH_LIMIT = TNEF_ATTACH_DEPTH_LIMIT;
+// Values a message view keeps in all (each costs more memory than its bytes in the stream).
+inline constexpr uint32_t TNEF_VIEW_VALUE_LIMIT = 1u << 20;
 
 // ---- Records -------------------------------------------------------------------------------
 
@@ -73,6 +77,7 @@ struct TnefRecordCursor {
     uint32_t flags = 0;    // TNEF_READ_ bits
     uint32_t records = 0;  // records read so far
     uint64_t trailing = 0; // bytes after the last record (with TNEF_READ_TRAILING)
+    bool verifyChecksums = true;  // false skips the sums (a second walk over the same file)
 };
 
 struct TnefRecord {
@@ -157,6 +162,7 @@ struct TnefValue {
     TnefGuid guid{};          // PT_CLSID
     uint64_t offset = 0;      // PT_STRING8, PT_UNICODE, PT_BINARY, PT_OBJECT: the bytes in the
     uint32_t length = 0;      // file, as many as the stream holds of the announced length
+    uint32_t declared = 0;    // the announced length
     bool cut = false;         // the stream holds fewer bytes than announced
 };
 

@@ -111,7 +111,7 @@ inline constexpr uint32_t PR_ATTACH_FILENAME = 0x3704001E;
 inline constexpr uint32_t PR_ATTACH_LONG_FILENAME = 0x3707001E;
 
 // ---- Property sets (binary form: first field and the next two little-endian) --------------
-using TnefGuid = std::array<uint8_t, 16>;
+using TnefGuid = std::array<uint8_t, 16>;  // also declared, identically, by tnef_reader.h
 inline constexpr TnefGuid PS_PUBLIC_STRINGS = {0x29, 0x03, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00,
                                                0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46};
 inline constexpr TnefGuid PSETID_Common = {0x08, 0x20, 0x06, 0x00, 0x00, 0x00, 0x00, 0x00,
@@ -134,6 +134,7 @@ inline constexpr const char* TNEF_UNIT_DECODE = "src/lib/tnef/tnef_decode";
 inline constexpr const char* TNEF_UNIT_ENCODE = "src/lib/tnef/tnef_encode";
 inline constexpr const char* TNEF_UNIT_PROP = "src/lib/tnef/tnef_prop";
 inline constexpr const char* TNEF_UNIT_SCAN = "src/lib/tnef/tnef_scan";
+inline constexpr const char* TNEF_UNIT_READ = "src/lib/tnef/tnef_read";
 
 // Trace classes.
 inline constexpr int TNEF_TRACE_CLASS = 15;

@@ -8,9 +8,9 @@
 
 // UTF-16LE bytes up to the first NUL code unit (an odd last byte is dropped); unpaired
 // surrogates become U+FFFD.
-std::string tnef_AttachTextFromUtf16(std::string_view utf16le);
+std::string tnef_TextFromUtf16(std::string_view utf16le);
 
 // 8-bit text up to its first NUL, in code page codePage (0: none named, taken as 1252).
 // Bytes the code page does not define are left out; a code page iconv does not know is
 // read as 1252.
-std::string tnef_AttachTextFrom8Bit(std::string_view text, uint32_t codePage);
+std::string tnef_TextFrom8Bit(std::string_view text, uint32_t codePage);

@@ -1,4 +1,4 @@
-#include "tnef_prop/tnef_attachtext.h"
+#include "tnef_read/tnef_readtext.h"
 
 #include <string>
 
@@ -87,7 +87,7 @@ bool convertWithIconv(std::string_view text, uint32_t codePage, std::string& out
 
 }  // namespace
 
-std::string tnef_AttachTextFromUtf16(std::string_view utf16le) {
+std::string tnef_TextFromUtf16(std::string_view utf16le) {
     std::string out;
     const size_t units = utf16le.size() / 2;
     const auto unit = [&](size_t i) {
@@ -111,7 +111,7 @@ std::string tnef_AttachTextFromUtf16(std::string_view utf16le) {
     return out;
 }
 
-std::string tnef_AttachTextFrom8Bit(std::string_view text, uint32_t codePage) {
+std::string tnef_TextFrom8Bit(std::string_view text, uint32_t codePage) {
     text = upToNul(text);
     if (isAscii(text)) return std::string(text);
     if (codePage == kUtf8CodePage) return validUtf8(text);
