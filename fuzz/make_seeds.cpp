@@ -111,7 +111,8 @@ std::string blobTexts(const std::string& path) {
 
 void seedsFrom(const fs::path& out, const std::string& name, const std::string& bytes,
                const std::string& home) {
-    for (const char* target : {"decode", "getprop", "scan", "oemcodepage"}) put(out, target, name, bytes);
+    for (const char* target : {"decode", "getprop", "scan", "oemcodepage", "read"})
+        put(out, target, name, bytes);
     const std::string path = home + "/seed.tnef";
     writeFile(path, bytes);
     const auto [mainText, secondaryText] = decodedTexts(path);

@@ -277,25 +277,32 @@ void tnef_GetAttachDate(int fd, const char* tagText, uint32_t length, dstring* t
 void tnef_GetAttachAttr(int fd, const char* tagText, const char* attributeName, uint32_t length,
                         int stripTrailingNuls, dstring* text) {
     tnef_PropLogf("Processing %s len=%lu\n", attributeName, static_cast<unsigned long>(length));
-    // The length is the file's claim: read in bounded chunks, so the buffer grows only by
-    // what the file really holds.
-    std::string data;
-    for (uint32_t left = length; left != 0;) {
-        const uint32_t chunk = left < TNEF_COPY_CHUNK ? left : TNEF_COPY_CHUNK;
-        const size_t at = data.size();
-        data.resize(at + chunk);
-        // Data cut by the end of the file gives no entry; the walk ends after it.
-        if (!tnef_PropReadExact(fd, data.data() + at, chunk)) return;
-        left -= chunk;
-    }
-    tnef_PropSeek(fd, 2, 1, &hitTnefEof);
-
+    // The length is the file's claim: read in bounded chunks, so memory grows only by what
+    // the file really holds. Without trailing NULs to strip, each chunk is encoded as it
+    // comes, so the text is the only copy of the data.
+    const size_t rollback = dstring_length(text);
     dstring_appendChar(text, BLOB_ENTRY_SEP);
     dstring_append1(text, tagText);
     dstring_appendChar(text, BLOB_VALUE_SEP);
+    text->text.reserve(text->text.size() + length + length / 4);
+    std::string data;
+    std::array<char, TNEF_COPY_CHUNK> chunk;
+    for (uint32_t left = length; left != 0;) {
+        const uint32_t n = left < TNEF_COPY_CHUNK ? left : TNEF_COPY_CHUNK;
+        // Data cut by the end of the file gives no entry; the walk ends after it.
+        if (!tnef_PropReadExact(fd, chunk.data(), n)) {
+            dstring_setLength(text, rollback);
+            return;
+        }
+        if (stripTrailingNuls == 1)
+            data.append(chunk.data(), n);
+        else
+            mapi_BlobEncodeToDstring(chunk.data(), n, text);
+        left -= n;
+    }
+    tnef_PropSeek(fd, 2, 1, &hitTnefEof);
     size_t used = data.size();
-    if (stripTrailingNuls == 1)
-        while (used != 0 && data[used - 1] == '\0') --used;
+    while (used != 0 && data[used - 1] == '\0') --used;
     mapi_BlobEncodeToDstring(data.data(), used, text);
 }
 

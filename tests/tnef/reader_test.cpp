@@ -1,0 +1,215 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support/test_home.h"
+#include "support/tnef_builder.h"
+#include "tnef/platform/er_escape.h"
+#include "tnef/platform/os_file.h"
+#include "tnef/tnef_reader.h"
+#include "tnef_defs.h"
+
+using tnefbuild::PropList;
+using tnefbuild::Stream;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr uint32_t PR_BODY_W = 0x1000001F;
+constexpr uint32_t PR_ATTACH_METHOD = 0x37050003;
+constexpr tnefbuild::Guid kIMessage = {0x07, 0x03, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46};
+
+Stream start() {
+    Stream s;
+    s.header().tnefVersion().oemCodepage(1252);
+    return s;
+}
+
+TnefMessageView view(const TestHome& home, const std::string& tnef) {
+    home.write("in.tnef", tnef);
+    OsFd in(os_open(home.file("in.tnef").c_str(), O_RDONLY, 0));
+    TnefMessageView v;
+    tnef_ReadMessage(in.get(), &v);
+    return v;
+}
+
+TEST(Reader, PropertiesComeTypedWithTheirNamedIdentity) {
+    const std::string props = PropList()
+                                  .string8(PR_SUBJECT, "Caf\xE9")
+                                  .unicode(PR_BODY_W, tnefbuild::utf16le("hi"))
+                                  .long32(PR_IMPORTANCE, 0xFFFFFFFE)
+                                  .i2(PR_READ_RECEIPT_REQUESTED, 1)
+                                  .i8(PR_CREATION_TIME, 132223104000000000ULL)  // 2020-01-01
+                                  .r8(0x00070005, 2.5)
+                                  .clsid(0x00080048, PSETID_Meeting)
+                                  .binary(0x00090102, "\x01\x02\x03"s)
+                                  .mvLong(0x000A1003, {1, 2, 3})
+                                  .mvUnicode(0x000B101F, {tnefbuild::utf16le("a"), tnefbuild::utf16le("bc")})
+                                  .namedId(PSETID_Appointment, 0x8205)
+                                  .long32(0x80010003, 2)
+                                  .namedString(PS_PUBLIC_STRINGS, tnefbuild::utf16le("Keywords"))
+                                  .mvString8(0x8002101E, {"x"})
+                                  .bytes();
+    TestHome home;
+    const TnefMessageView v = view(home, start().record(1, attMAPIProps, props).bytes());
+    EXPECT_EQ(v.flags, 0u);
+    EXPECT_EQ(v.codePage, 1252u);
+    ASSERT_EQ(v.properties.size(), 12u);
+    const auto& p = v.properties;
+    EXPECT_EQ(p[0].texts, std::vector<std::string>{"Caf\xC3\xA9"});
+    EXPECT_EQ(v.subject, "Caf\xC3\xA9");  // from PR_SUBJECT: the stream has no attSubject
+    EXPECT_EQ(p[1].texts, std::vector<std::string>{"hi"});
+    EXPECT_EQ(p[2].values[0].integer, -2);
+    EXPECT_TRUE(p[3].values[0].boolean);
+    EXPECT_EQ(p[4].values[0].unixTime, 1577836800);
+    EXPECT_EQ(p[5].values[0].real, 2.5);
+    EXPECT_EQ(p[6].values[0].guid, PSETID_Meeting);
+    EXPECT_EQ(p[7].values[0].length, 3u);
+    EXPECT_EQ(p[8].values.size(), 3u);
+    EXPECT_EQ(p[8].values[2].integer, 3);
+    EXPECT_EQ(p[9].texts, (std::vector<std::string>{"a", "bc"}));
+    EXPECT_TRUE(p[10].prop.named && !p[10].prop.stringName);
+    EXPECT_EQ(p[10].prop.set, PSETID_Appointment);
+    EXPECT_EQ(p[10].prop.lid, 0x8205u);
+    EXPECT_TRUE(p[11].prop.stringName);
+    EXPECT_EQ(p[11].prop.name, "Keywords");
+    EXPECT_EQ(tnef_FindProp(p, 0x0037001F), &p[0]);  // 8-bit and Unicode text alike
+}
+
+TEST(Reader, RecipientsAttachmentsAndEmbeddedMessages) {
+    const std::string inner = start()
+                                  .record(1, attSubject, "Inner\0"s)
+                                  .record(2, attAttachRenddata, std::string(14, '\0'))
+                                  .record(2, attAttachData, "deep")
+                                  .bytes();
+    const std::string tnef =
+        start()
+            .record(1, attSubject, "Outer\0"s)
+            .record(1, attRecipTable,
+                    tnefbuild::RecipTable()
+                        .row(PropList().string8(PR_DISPLAY_NAME, "Ann"))
+                        .row(PropList().string8(PR_DISPLAY_NAME, "Bob").long32(0x0C150003, 2))
+                        .bytes())
+            .record(2, attAttachRenddata, std::string(14, '\0'))
+            .record(2, attAttachData, "file bytes")
+            .record(2, attAttachment, PropList().long32(PR_ATTACH_METHOD, 1).bytes())
+            .record(2, attAttachRenddata, std::string(14, '\0'))
+            .record(2, attAttachment, PropList().object(PR_ATTACH_DATA_OBJ, kIMessage, inner).bytes())
+            .bytes();
+    TestHome home;
+    const TnefMessageView v = view(home, tnef);
+    EXPECT_EQ(v.subject, "Outer");
+    ASSERT_EQ(v.recipients.size(), 2u);
+    EXPECT_EQ(v.recipients[1].size(), 2u);
+    EXPECT_EQ(v.recipients[1][0].texts[0], "Bob");
+    ASSERT_EQ(v.attachments.size(), 2u);  // the embedded message's own attachment is its own
+    EXPECT_EQ(v.attachmentProperties[0][0].values[0].integer, 1);
+    ASSERT_EQ(v.embedded.size(), 1u);
+    EXPECT_EQ(v.embedded[0].depth, 1u);
+    EXPECT_EQ(v.embedded[0].subject, "Inner");
+    ASSERT_EQ(v.embedded[0].attachments.size(), 1u);
+    EXPECT_EQ(v.embedded[0].attachments[0].dataLength, 4u);
+}
+
+// Each hostile stream ends with the flags it names, keeps what came before the damage, and
+// never faults (the asan preset checks the reads).
+TEST(Reader, HostileStreamsEndInFlagsNotFaults) {
+    struct Case {
+        const char* what;
+        std::string props;
+        uint32_t flags;
+        size_t kept;  // properties of the view
+    };
+    const std::vector<Case> cases = {
+        {"count near 2^32", PropList().long32(PR_IMPORTANCE, 1).count(0xFFFFFFFF).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 1},
+        {"value length 0xFFFFFFFF", PropList().binary(0x00090102, "abcd").bytes().substr(0, 12) +
+                                        "\xFF\xFF\xFF\xFF"s + "abcd",
+         TNEF_READ_BAD_PROPS, 1},
+        {"value count beyond the data", PropList().mvLong(0x000A1003, {1}).valueCount(1u << 30).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 0},
+        {"text values beyond the data", PropList().mvString8(0x000B101E, {"a"}).valueCount(0xFFFFFFF0).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 1},
+        {"unknown type", PropList().long32(PR_IMPORTANCE, 1).count(2).bytes() + "\x33\x00\x01\x00"s + "\0\0\0\0"s, TNEF_READ_BAD_PROPS, 1},
+        {"string name longer than the list",
+         PropList().namedString(PS_PUBLIC_STRINGS, tnefbuild::utf16le("K")).long32(0x80010003, 1).bytes().substr(0, 28) +
+             "\xFF\xFF\xFF\x7F"s,
+         TNEF_READ_BAD_PROPS, 0},
+        {"zero-length and unterminated strings",
+         PropList().lengthPrefixed(PR_SUBJECT, {""}).lengthPrefixed(0x0E1D001F, {"a\0b"s}).bytes(), 0, 2},
+        {"list without its count", "\x01\x00"s, TNEF_READ_BAD_PROPS, 0},
+    };
+    TestHome home;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const TnefMessageView v = view(home, start().record(1, attMAPIProps, c.props).bytes());
+        EXPECT_EQ(v.flags & ~TNEF_READ_BAD_CHECKSUM, c.flags);
+        EXPECT_EQ(v.properties.size(), c.kept);
+    }
+}
+
+TEST(Reader, DamagedFilesAreFlagsAndCutsAtEveryOffsetStayInBounds) {
+    const std::string tnef =
+        start()
+            .record(1, attMAPIProps, PropList().string8(PR_SUBJECT, "s").mvLong(0x000A1003, {1, 2}).bytes())
+            .record(1, attRecipTable, tnefbuild::RecipTable().row(PropList().long32(PR_IMPORTANCE, 2)).bytes())
+            .record(2, attAttachRenddata, std::string(14, '\0'))
+            .record(2, attAttachData, "abc")
+            .bytes();
+    TestHome home;
+    EXPECT_EQ(view(home, tnef).flags, 0u);
+    EXPECT_EQ(view(home, Stream(start()).record(1, attSubject, "x").checksum(7).bytes()).flags,
+              TNEF_READ_BAD_CHECKSUM);
+    EXPECT_EQ(view(home, tnef + "\r\n").flags, TNEF_READ_TRAILING);
+    EXPECT_EQ(view(home, Stream().header().bytes() + "\r\n\r\n").flags,
+              TNEF_READ_TRAILING | TNEF_READ_NO_RECORDS);
+    const TnefMessageView cut = view(home, Stream(start()).record(2, attAttachData, "abcdef").lengthField(1000).bytes());
+    EXPECT_EQ(cut.flags & TNEF_READ_TRUNCATED, TNEF_READ_TRUNCATED);
+    ASSERT_EQ(cut.attachments.size(), 1u);
+    EXPECT_EQ(cut.attachments[0].dataLength, 8u);  // the data and the cut checksum's bytes
+    // Only a cut at one of the six record boundaries leaves a whole, shorter stream.
+    size_t whole = 0;
+    for (size_t n = 4; n < tnef.size(); ++n)
+        whole += (view(home, tnef.substr(0, n)).flags & (TNEF_READ_TRUNCATED | TNEF_READ_TRAILING)) == 0;
+    EXPECT_EQ(whole, 6u);
+    try {
+        view(home, "MZ\x90\0"s);
+        ADD_FAILURE() << "no escape for a file that is not TNEF";
+    } catch (const Escape& e) {
+        EXPECT_EQ(er_GetReason(e), ER_TNEF_BAD_SIGNATURE);
+    }
+}
+
+// Every corpus file gives a view; its attachments are the listing's, and every property
+// list is read to its end unless the file is damaged there (oom.tnef is made to be).
+TEST(Reader, CorpusFilesReadWhole) {
+    const std::string corpus = corpusDir();
+    if (corpus.empty()) GTEST_SKIP() << "no shared corpus beside this checkout (set TNEF_CORPUS)";
+    size_t files = 0;
+    size_t properties = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(corpus + "/files")) {
+        SCOPED_TRACE(entry.path().filename().string());
+        OsFd in(os_open(entry.path().c_str(), O_RDONLY, 0));
+        TnefMessageView v;
+        TnefAttachList list;
+        tnef_ReadMessage(in.get(), &v);
+        tnef_ListAttachments(in.get(), &list);
+        size_t listed = v.attachments.size();
+        for (const TnefMessageView& e : v.embedded) listed += e.attachments.size();
+        EXPECT_LE(listed, list.attachments.size());
+        const bool damaged = (v.flags & (TNEF_READ_TRUNCATED | TNEF_READ_TRAILING)) != 0 ||
+                             entry.path().filename() == "poi__test-data__hmef__oom.tnef";
+        if (!damaged) {
+            EXPECT_EQ(v.flags & TNEF_READ_BAD_PROPS, 0u);
+        }
+        properties += v.properties.size();
+        ++files;
+    }
+    EXPECT_GE(files, 30u);
+    EXPECT_GT(properties, 1000u);
+}
+
+}  // namespace
