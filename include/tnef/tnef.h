@@ -11,6 +11,9 @@
 #include <cstdint>
 #include <cstdio>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // ---- Stream helpers ------------------------------------------------------------------------
 
 // 16-bit sum of length data bytes, wrapping; 0 when length is 0 or less.
@@ -200,3 +203,5 @@ extern unsigned char MAPI_DAILY_RECURRENCE[16];
 extern unsigned char MAPI_WEEKLY_RECURRENCE[16];
 extern unsigned char MAPI_MONTHLY_RECURRENCE[20];
 extern unsigned char MAPI_YEARLY_RECURRENCE[20];
+
+#pragma GCC visibility pop

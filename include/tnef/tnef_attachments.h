@@ -32,6 +32,9 @@
 #include <string>
 #include <vector>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // What an attachment holds.
 inline constexpr uint32_t TNEF_ATTACH_NONE = 0;  // no bytes at all (a rendering record only)
 inline constexpr uint32_t TNEF_ATTACH_FILE = 1;  // a file's bytes
@@ -127,3 +130,5 @@ std::string tnef_AttachBestName(const TnefAttachInfo& attachment);
 uint64_t tnef_CopyAttachment(int fd, const TnefAttachInfo* attachment, int outFd);
 
 inline constexpr uint32_t TNEF_ATTACH_COPY_BUFFER = 1024 * 1024;
+
+#pragma GCC visibility pop

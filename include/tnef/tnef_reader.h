@@ -34,6 +34,9 @@
 
 #include "tnef/tnef_attachments.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 using TnefGuid = std::array<uint8_t, 16>;
 
 // ---- Damage --------------------------------------------------------------------------------
@@ -241,3 +244,5 @@ void tnef_ReadMessage(int fd, TnefMessageView* view);
 // The first entry with this tag (the type compared too, but 8-bit and Unicode text alike),
 // or null.
 const TnefPropEntry* tnef_FindProp(const std::vector<TnefPropEntry>& entries, uint32_t tag);
+
+#pragma GCC visibility pop

@@ -7,6 +7,9 @@
 
 #include <string>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // An address split into its local part and its mail node (empty when it names none).
 struct NmORName {
     std::string local;
@@ -41,3 +44,5 @@ int mim_ArpaToORN(const char* address, char* result, char* scratch, int mode);
 // when the new text would be longer than the old one, so the caller's buffer is never
 // overrun.
 void mim_SetOrgUAddress(char* address, const NmORName* name, int mode);
+
+#pragma GCC visibility pop

@@ -26,6 +26,9 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // Size of a buffer that holds a character set name and its NUL.
 inline constexpr size_t CHARSET_NAME_CAPACITY = 40;
 inline constexpr const char* CHARSET_ALIAS_PATH = "~/sys/charsets.map";
@@ -83,3 +86,5 @@ inline constexpr uint16_t CVC_ERR_ARGUMENT = 3;  // unknown mode, no text, negat
 uint16_t cvc_CnvString(int mode, int flags, const char* text, int length, const char* fromCharset,
                        const char* toCharset, dstring* out, int* outLength, int* badBytes,
                        int options);
+
+#pragma GCC visibility pop

@@ -4,6 +4,9 @@
 // file; the file is re-read when its modification time changes.
 #pragma once
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // True only when the flag is configured and true.
 bool cust_PresentAndTrue(const char* name);
 // True only when the flag is configured and false.
@@ -17,3 +20,5 @@ int cust_GetBoolean(const char* name, int defaultValue, int unused1, int unused2
 void cust_Set(const char* name, const char* value);
 void cust_Clear(const char* name);
 void cust_ClearAll();
+
+#pragma GCC visibility pop

@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <string>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 struct dstring {
     std::string text;
 };
@@ -22,3 +25,5 @@ void dstring_appendPrintf(dstring* d, const char* format, ...)
 void dstring_setLength(dstring* d, size_t length);
 inline const char* dstring_str(const dstring* d) { return d->text.c_str(); }
 inline size_t dstring_length(const dstring* d) { return d->text.size(); }
+
+#pragma GCC visibility pop

@@ -10,6 +10,9 @@
 #include <exception>
 #include <string>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // Groups raised by the platform and the codec.
 inline constexpr int ER_GROUP_IO = 100;    // reason = errno of a failed file operation
 inline constexpr int ER_GROUP_TNEF = 102;  // codec errors (bad or oversized input)
@@ -85,3 +88,5 @@ private:
 void er_LogMsg(int level, int group, int number, ...);
 // The catalogue text for group/number, or nullptr.
 const char* er_CatalogueText(int group, int number);
+
+#pragma GCC visibility pop

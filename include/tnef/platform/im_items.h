@@ -25,6 +25,9 @@
 #include <cstdint>
 #include <string>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // Escapes raised by the message store itself.
 inline constexpr int ER_GROUP_STORE = 103;
 inline constexpr int ER_STORE_BAD_REFERENCE = 1;  // item reference of no known kind
@@ -125,3 +128,5 @@ public:
 private:
     SflFile* file_ = nullptr;
 };
+
+#pragma GCC visibility pop

@@ -12,6 +12,9 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // The longest encoded word written, in characters.
 inline constexpr size_t RFC2047_WORD_LIMIT = 75;
 
@@ -40,3 +43,5 @@ int mim_DecodeMimeCharStr(const char* in, char* out, int flags);
 // a word whose charset iconv does not know, or whose bytes are invalid in it, is kept as
 // literal text. Text outside words is kept as it stands.
 void mim_DecodeMimeToUtf8(const char* in, dstring* out);
+
+#pragma GCC visibility pop

@@ -8,6 +8,9 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 inline constexpr char BLOB_ENTRY_SEP = 0x1E;
 inline constexpr char BLOB_VALUE_SEP = 0x1D;
 inline constexpr char BLOB_ROW_SEP = 0x1C;
@@ -25,3 +28,5 @@ void mapi_BlobDecodeToDstring(const char* text, size_t length, dstring* out);
 // next call on the same thread); stores the decoded length in *lengthOut. The result is
 // followed by a NUL byte that the length does not count.
 const unsigned char* os_GraphicToControl2(const char* text, size_t length, size_t* lengthOut);
+
+#pragma GCC visibility pop

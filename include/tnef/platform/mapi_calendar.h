@@ -13,6 +13,9 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // ---- Global object identifier ------------------------------------------------------------
 
 // Fixed part of the identifier: class id 16, instance date 4, creation time 8, reserved 8,
@@ -144,3 +147,5 @@ char* mapi_PropFromWmRecurrenceProps(WM_RECURRENCE_PROPS* props, const uint8_t* 
 char* mapi_RecurrenceBaseFromWmRecurrenceProps(const WM_RECURRENCE_PROPS* props,
                                                const uint8_t* tzData,
                                                const MAPI_GLOBAL_OBJECT_ID* goid);
+
+#pragma GCC visibility pop

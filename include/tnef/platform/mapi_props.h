@@ -16,6 +16,9 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // "{00062002-0000-0000-C000-000000000046}" and its NUL.
 inline constexpr size_t MAPI_GUID_TEXT_SIZE = 39;
 // The text of a PT_LONG value ("ffffffff") and its NUL.
@@ -83,3 +86,5 @@ bool mapi_replacePropInBlobD(dstring* text, const BV_MAPI_PROP_ID* id, const cha
 // A NUL-terminated copy of length bytes in a block from mdc_malloc; raises 100/ENOMEM when
 // there is no memory.
 char* mapi_DupText(const char* bytes, size_t length);
+
+#pragma GCC visibility pop

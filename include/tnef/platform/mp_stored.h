@@ -24,6 +24,9 @@
 #include "tnef/platform/im_items.h"
 #include "tnef/platform/tf_msgfile.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 inline constexpr const char* MP_OBJECT_PROPERTIES = "MAPI.ObjectProperties";
 inline constexpr uint32_t MP_INLINE_TEXT_MAX = TF_RECORD_MAX - 28 - 1;  // 4051
 inline constexpr uint32_t MP_WHERE_INLINE = 0;
@@ -64,3 +67,5 @@ int mp_BuildMAPIProps(int16_t tf, const TFREC* record, uint32_t recordType, char
 // the caller frees with os_free; null when the text has no such entry (the decoder's texts
 // never do) or text is null.
 char* mapi_GetMapiPropsOrigin(const char* text);
+
+#pragma GCC visibility pop

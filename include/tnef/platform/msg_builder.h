@@ -13,6 +13,9 @@
 #include <string>
 #include <vector>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 struct ReceivedMessage {
     std::string originator = "sender@remote.example";
     std::vector<std::string> recipients = {"user@local.example"};
@@ -30,3 +33,5 @@ struct ReceivedMessage {
 // caller closes both (and may remove the copy's item). Nothing stays behind when an escape
 // passes: no half-built message, no item, no open handle.
 int16_t Msg_BuildReceived(const ReceivedMessage& received, int16_t* messageFile);
+
+#pragma GCC visibility pop

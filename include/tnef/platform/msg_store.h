@@ -22,6 +22,9 @@
 
 #include "tnef/platform/im_items.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // A new, empty message (its message file exists and holds no record).
 int16_t Msg_Create();
 // The message with that id. Raises 100/ENOENT naming the folder when there is none.
@@ -83,3 +86,5 @@ public:
 private:
     int16_t msg_ = 0;
 };
+
+#pragma GCC visibility pop

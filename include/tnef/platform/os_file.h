@@ -19,6 +19,9 @@
 #include <cstdio>
 #include <string>
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // ---- The server home ---------------------------------------------------------------------
 
 // Sets the home for this process (an empty text returns to the default).
@@ -191,3 +194,5 @@ int mdc_string2unsigned(const char* text, unsigned* result, int base);
 // First byte of text that is in set, or nullptr.
 const char* mdc_strpbrk(const char* text, const char* set);
 char* mdc_strpbrk(char* text, const char* set);
+
+#pragma GCC visibility pop

@@ -9,3 +9,9 @@
 #include "tnef/platform/msg_store.h"
 #include "tnef/platform/store_dump.h"
 #include "tnef/platform/tf_msgfile.h"
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
+
+
+#pragma GCC visibility pop

@@ -15,9 +15,14 @@
 
 #include "tnef/platform/tf_msgfile.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 std::string tf_DumpRecord(const TFREC* record);
 // Every record from the first; the handle's reading position is not disturbed.
 std::string tf_DumpFile(int16_t tf);
 // The message's id, its parts (number and size), the records of its message file, and
 // where each stored object and property text lives and whether it is there.
 std::string Msg_Dump(int16_t msg);
+
+#pragma GCC visibility pop

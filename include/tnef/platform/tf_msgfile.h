@@ -28,6 +28,9 @@
 
 #include "tnef/platform/im_items.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 inline constexpr uint32_t TF_RECORD_MAX = 4080;
 inline constexpr uint32_t TF_RECORD_HEADER = 8;
 inline constexpr uint32_t TF_TEXT_CAPACITY = 4080;
@@ -196,3 +199,5 @@ private:
     int16_t tf_ = 0;
     bool discard_ = false;
 };
+
+#pragma GCC visibility pop

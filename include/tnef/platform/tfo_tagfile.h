@@ -15,7 +15,12 @@
 
 #include "tnef/platform/dstring.h"
 
+// Everything this header declares is part of the library's exported interface.
+#pragma GCC visibility push(default)
+
 // Reads lines from file until one holds a pair, and stores its tag and value. Returns 1
 // when a pair was read, 0 at the end of the file or on a read error; tag and value are then
 // empty. Further calls after the end keep returning 0.
 int tfo_FindTagValue(FILE* file, dstring* tag, dstring* value);
+
+#pragma GCC visibility pop
