@@ -29,6 +29,7 @@
 #include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 #include "tnef/tnef.h"
+#include "tnef/tnef_reader.h"
 
 namespace fs = std::filesystem;
 using namespace tnefbuild;
@@ -204,6 +205,48 @@ void getAll(const std::string& path) {
     std::free(attach);
 }
 
+// The reader's whole view of a file: records, every property typed, recipients, attachments.
+void readView(const std::string& path) {
+    OsFd fd(os_open(path.c_str(), O_RDONLY, 0));
+    TnefMessageView view;
+    try {
+        tnef_ReadMessage(fd.get(), &view);
+    } catch (const Escape&) {
+    }
+    benchmark::DoNotOptimize(view.properties.data());
+}
+
+// The raw cursor: every record, and every property and value of the lists, nothing kept.
+void walkCursor(const std::string& path) {
+    OsFd fd(os_open(path.c_str(), O_RDONLY, 0));
+    try {
+        TnefRecordCursor rc;
+        tnef_OpenRecords(&rc, fd.get());
+        TnefRecord r;
+        uint64_t values = 0;
+        while (tnef_NextRecord(&rc, &r)) {
+            TnefPropCursor pc;
+            if ((r.id != 0x00069003 && r.id != 0x00069005) || !tnef_OpenProps(&pc, &rc, &r)) continue;
+            TnefProp p;
+            TnefValue v;
+            while (tnef_NextProp(&pc, &p))
+                while (tnef_NextValue(&pc, &v)) ++values;
+        }
+        benchmark::DoNotOptimize(values);
+    } catch (const Escape&) {
+    }
+}
+
+void listAttachments(const std::string& path) {
+    OsFd fd(os_open(path.c_str(), O_RDONLY, 0));
+    TnefAttachList list;
+    try {
+        tnef_ListAttachments(fd.get(), &list);
+    } catch (const Escape&) {
+    }
+    benchmark::DoNotOptimize(list.attachments.data());
+}
+
 void scan(const std::string& path) {
     OsFd fd(os_open(path.c_str(), O_RDONLY, 0));
     TnefAttachScan* list = nullptr;
@@ -294,6 +337,15 @@ void registerAll() {
         })->Unit(benchmark::kMillisecond);
         benchmark::RegisterBenchmark(("Scan/" + name).c_str(), [paths = paths](benchmark::State& s) {
             overFiles(s, paths, scan);
+        })->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("ReadMessage/" + name).c_str(), [paths = paths](benchmark::State& s) {
+            overFiles(s, paths, readView);
+        })->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("Cursor/" + name).c_str(), [paths = paths](benchmark::State& s) {
+            overFiles(s, paths, walkCursor);
+        })->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("ListAttachments/" + name).c_str(), [paths = paths](benchmark::State& s) {
+            overFiles(s, paths, listAttachments);
         })->Unit(benchmark::kMillisecond);
         benchmark::RegisterBenchmark(("WriteBlob/" + name).c_str(), [paths = paths](benchmark::State& s) {
             std::vector<Blobs> blobs;

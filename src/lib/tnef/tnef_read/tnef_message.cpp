@@ -2,6 +2,8 @@
 // Attachments come from the listing; this walk adds each stream's own properties,
 // recipients and names, and opens embedded messages as views of their own.
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -26,10 +28,14 @@ bool isText(uint16_t type) { return (type & ~MV_FLAG) == PT_STRING8 || (type & ~
 // Every property of one list with its values, within the walk's value budget.
 std::vector<TnefPropEntry> readEntries(ViewWalk& walk, TnefPropCursor& pc) {
     std::vector<TnefPropEntry> entries;
-    TnefPropEntry entry;
-    while (tnef_NextProp(&pc, &entry.prop)) {
-        entry.values.clear();
-        entry.texts.clear();
+    // Every property takes at least 8 bytes, so this never reserves more than the list holds.
+    entries.reserve(static_cast<size_t>(std::min<uint64_t>(pc.count, (pc.end - pc.pos) / 8)));
+    for (;;) {
+        TnefPropEntry& entry = entries.emplace_back();
+        if (!tnef_NextProp(&pc, &entry.prop)) {
+            entries.pop_back();
+            break;
+        }
         TnefValue v;
         while (tnef_NextValue(&pc, &v)) {
             if (walk.valuesLeft == 0) {
@@ -40,7 +46,6 @@ std::vector<TnefPropEntry> readEntries(ViewWalk& walk, TnefPropCursor& pc) {
             entry.values.push_back(v);
             if (isText(entry.prop.type)) entry.texts.push_back(tnef_ValueText(pc.records, &v));
         }
-        entries.push_back(entry);
     }
     walk.flags |= pc.flags;
     return entries;
@@ -109,7 +114,11 @@ void takeRecord(ViewWalk& walk, const TnefRecordCursor& rc, const TnefRecord& r,
     else if (r.id == attRecipTable) readRows(walk, rc, r, view);
     else if (r.id == attMAPIProps) {
         std::vector<TnefPropEntry> more = readRecordEntries(walk, rc, r);
-        view->properties.insert(view->properties.end(), more.begin(), more.end());
+        if (view->properties.empty())
+            view->properties = std::move(more);
+        else
+            view->properties.insert(view->properties.end(), std::make_move_iterator(more.begin()),
+                                    std::make_move_iterator(more.end()));
     }
 }
 

@@ -49,12 +49,15 @@ bool tnef_ReadFileAt(TnefReadFile& file, uint64_t at, void* out, size_t n) {
 
 bool tnef_SumFileRange(TnefReadFile& file, uint64_t at, uint64_t n, uint16_t& sum) {
     if (at > file.size || n > file.size - at) return false;
-    uint8_t chunk[8192];
     uint32_t total = 0;
     while (n > 0) {
-        const size_t take = static_cast<size_t>(std::min<uint64_t>(n, sizeof chunk));
-        if (!tnef_ReadFileAt(file, at, chunk, take)) return false;
-        for (size_t i = 0; i < take; ++i) total += chunk[i];
+        // Sum in place in the window, one window's worth at a time.
+        uint8_t first;
+        if (!tnef_ReadFileAt(file, at, &first, 1)) return false;
+        const uint8_t* bytes = file.window.data() + (at - file.windowAt);
+        const size_t take = static_cast<size_t>(
+            std::min<uint64_t>(n, file.windowAt + file.windowed - at));
+        for (size_t i = 0; i < take; ++i) total += bytes[i];
         at += take;
         n -= take;
     }
