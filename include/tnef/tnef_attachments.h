@@ -101,7 +101,8 @@ struct TnefAttachList {
     std::vector<TnefAttachInfo> attachments;
     uint32_t codePage = 0;  // attOemCodepage of the top-level stream, 0 when absent
     uint32_t flags = 0;     // TNEF_LIST_ bits
-    std::string subject;    // attSubject of the top-level message, UTF-8
+    std::string subject;    // attSubject of the top-level message, else its PR_SUBJECT or
+                            // PR_CONVERSATION_TOPIC, UTF-8
     std::string messageClass;
 };
 

@@ -61,6 +61,9 @@ TEST(Reader, PropertiesComeTypedWithTheirNamedIdentity) {
     const auto& p = v.properties;
     EXPECT_EQ(p[0].texts, std::vector<std::string>{"Caf\xC3\xA9"});
     EXPECT_EQ(v.subject, "Caf\xC3\xA9");  // from PR_SUBJECT: the stream has no attSubject
+    TnefAttachList list;
+    tnef_ListAttachments(OsFd(os_open(home.file("in.tnef").c_str(), O_RDONLY, 0)).get(), &list);
+    EXPECT_EQ(list.subject, v.subject);
     EXPECT_EQ(p[1].texts, std::vector<std::string>{"hi"});
     EXPECT_EQ(p[2].values[0].integer, -2);
     EXPECT_TRUE(p[3].values[0].boolean);

@@ -31,6 +31,7 @@ constexpr uint16_t kIdAttachLongFilename = PROP_ID(PR_ATTACH_LONG_FILENAME);
 constexpr uint16_t kIdDisplayName = PROP_ID(PR_DISPLAY_NAME);
 constexpr uint16_t kIdAttachMimeTag = 0x370E;    // PR_ATTACH_MIME_TAG
 constexpr uint16_t kIdAttachContentId = 0x3712;  // PR_ATTACH_CONTENT_ID
+constexpr uint16_t kIdConversationTopic = 0x0070;  // PR_CONVERSATION_TOPIC
 constexpr uint32_t PR_ATTACH_METHOD = 0x37050003;
 constexpr uint32_t PR_LAST_MODIFICATION_TIME = 0x30080040;
 constexpr uint32_t kAttachMethodOle = 6;
@@ -71,6 +72,8 @@ struct Pending {
 
 struct Walk {
     TnefAttachList& list;
+    std::string propSubject;  // PR_SUBJECT, else PR_CONVERSATION_TOPIC, of the top level
+    bool hasAttSubject = false;
 };
 
 struct Level {
@@ -249,6 +252,24 @@ Pending& attachmentFor(Walk& walk, Level& level, bool alreadyHas) {
     return level.pending;
 }
 
+// A message without attSubject is still known by its PR_SUBJECT (or, failing that, its
+// PR_CONVERSATION_TOPIC), as clients that write only properties leave it.
+void takeSubjectProps(Walk& walk, const Level& level, const TnefRecord& r) {
+    TnefPropCursor pc;
+    tnef_OpenProps(&pc, level.records, &r);
+    TnefProp prop;
+    TnefValue v;
+    while (tnef_NextProp(&pc, &prop)) {
+        const bool text = prop.type == PT_STRING8 || prop.type == PT_UNICODE;
+        const bool subject = prop.id == PROP_ID(PR_SUBJECT);
+        if (!text || (!subject && prop.id != kIdConversationTopic) || !tnef_NextValue(&pc, &v))
+            continue;
+        if (subject || walk.propSubject.empty())
+            walk.propSubject = tnef_ValueText(level.records, &v, TNEF_ATTACH_NAME_LIMIT);
+        if (subject) return;
+    }
+}
+
 // One record's data, of which the stream holds r.available bytes.
 void takeRecord(Walk& walk, Level& level, const TnefRecord& r) {
     uint32_t ignored = 0;
@@ -262,9 +283,13 @@ void takeRecord(Walk& walk, Level& level, const TnefRecord& r) {
         }
         case attSubject:
             if (level.depth == 0) walk.list.subject = readRecordText(level, r, ignored);
+            walk.hasAttSubject |= level.depth == 0;
             break;
         case attMessageClass:
             if (level.depth == 0) walk.list.messageClass = readRecordText(level, r, ignored);
+            break;
+        case attMAPIProps:
+            if (level.depth == 0) takeSubjectProps(walk, level, r);
             break;
         case attAttachRenddata: {
             startAttachment(walk, level);
@@ -342,8 +367,9 @@ void tnef_ListAttachments(int fd, TnefAttachList* list) {
     *list = TnefAttachList{};
     TnefRecordCursor rc;
     tnef_OpenRecords(&rc, fd);
-    Walk walk{*list};
+    Walk walk{*list, {}, false};
     listRecords(walk, rc, 0, 0);
+    if (!walk.hasAttSubject) list->subject = walk.propSubject;
 }
 std::string tnef_AttachBestName(const TnefAttachInfo& a) {
     if (a.kind == TNEF_ATTACH_MESSAGE && !a.displayName.empty()) return a.displayName;
