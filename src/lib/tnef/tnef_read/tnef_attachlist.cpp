@@ -17,6 +17,7 @@
 #include "tnef_defs.h"
 #include "tnef_read/tnef_readtext.h"
 #include "tnef_propstream.h"
+#include "tnef_read/tnef_readfile.h"
 #include "tnef/tnef_reader.h"
 
 namespace {
@@ -328,15 +329,6 @@ void takeRecord(Walk& walk, Level& level, const TnefRecord& r) {
     }
 }
 
-uint32_t listFlagsOf(uint32_t readFlags) {
-    uint32_t flags = 0;
-    if (readFlags & TNEF_READ_TRUNCATED) flags |= TNEF_LIST_TRUNCATED;
-    if (readFlags & TNEF_READ_TRAILING) flags |= TNEF_LIST_TRAILING;
-    if (readFlags & TNEF_READ_BAD_CHECKSUM) flags |= TNEF_LIST_BAD_CHECKSUM;
-    if (readFlags & TNEF_READ_NO_RECORDS) flags |= TNEF_LIST_NO_RECORDS;
-    return flags;
-}
-
 // Lists the attachments of the records a cursor walks: the whole file, or an embedded
 // message inside it.
 void listRecords(Walk& walk, TnefRecordCursor& rc, uint32_t parent, uint32_t codePage) {
@@ -349,7 +341,7 @@ void listRecords(Walk& walk, TnefRecordCursor& rc, uint32_t parent, uint32_t cod
     while (tnef_NextRecord(&rc, &r)) takeRecord(walk, level, r);
     // A record the stream cuts short still gives what it holds.
     if (r.flags & TNEF_RECORD_CUT) takeRecord(walk, level, r);
-    walk.list.flags |= listFlagsOf(rc.flags);
+    walk.list.flags |= tnef_ListFlagsFromRead(rc.flags);
     finishAttachment(walk, level);
 }
 

@@ -134,17 +134,6 @@ void readLevel(ViewWalk& walk, TnefRecordCursor& rc, uint32_t parent, TnefMessag
     view->flags = rc.flags;
 }
 
-uint32_t readFlagsOf(uint32_t listFlags) {
-    uint32_t flags = 0;
-    if (listFlags & TNEF_LIST_TRUNCATED) flags |= TNEF_READ_TRUNCATED;
-    if (listFlags & TNEF_LIST_TRAILING) flags |= TNEF_READ_TRAILING;
-    if (listFlags & TNEF_LIST_BAD_CHECKSUM) flags |= TNEF_READ_BAD_CHECKSUM;
-    if (listFlags & TNEF_LIST_NO_RECORDS) flags |= TNEF_READ_NO_RECORDS;
-    if (listFlags & TNEF_LIST_BAD_PROPS) flags |= TNEF_READ_BAD_PROPS;
-    if (listFlags & TNEF_LIST_TOO_MANY) flags |= TNEF_READ_TOO_MANY;
-    return flags;
-}
-
 }  // namespace
 
 void tnef_ReadMessage(int fd, TnefMessageView* view) {
@@ -157,7 +146,7 @@ void tnef_ReadMessage(int fd, TnefMessageView* view) {
     rc.verifyChecksums = false;
     ViewWalk walk{list};
     readLevel(walk, rc, 0, view);
-    view->flags |= walk.flags | readFlagsOf(list.flags);
+    view->flags |= walk.flags | tnef_ReadFlagsFromList(list.flags);
 }
 
 const TnefPropEntry* tnef_FindProp(const std::vector<TnefPropEntry>& entries, uint32_t tag) {

@@ -65,6 +65,35 @@ bool tnef_SumFileRange(TnefReadFile& file, uint64_t at, uint64_t n, uint16_t& su
     return true;
 }
 
+namespace {
+
+struct FlagPair {
+    uint32_t list;
+    uint32_t read;
+};
+
+constexpr FlagPair kFlagPairs[] = {
+    {TNEF_LIST_TRUNCATED, TNEF_READ_TRUNCATED},   {TNEF_LIST_TRAILING, TNEF_READ_TRAILING},
+    {TNEF_LIST_BAD_CHECKSUM, TNEF_READ_BAD_CHECKSUM}, {TNEF_LIST_NO_RECORDS, TNEF_READ_NO_RECORDS},
+    {TNEF_LIST_BAD_PROPS, TNEF_READ_BAD_PROPS},   {TNEF_LIST_TOO_MANY, TNEF_READ_TOO_MANY},
+};
+
+}  // namespace
+
+uint32_t tnef_ListFlagsFromRead(uint32_t readFlags) {
+    uint32_t flags = 0;
+    for (const FlagPair& f : kFlagPairs)
+        if (readFlags & f.read) flags |= f.list;
+    return flags;
+}
+
+uint32_t tnef_ReadFlagsFromList(uint32_t listFlags) {
+    uint32_t flags = 0;
+    for (const FlagPair& f : kFlagPairs)
+        if (listFlags & f.list) flags |= f.read;
+    return flags;
+}
+
 bool TnefSpan::u32(uint32_t& out) {
     uint8_t b[4];
     if (!bytes(b, sizeof b)) return false;

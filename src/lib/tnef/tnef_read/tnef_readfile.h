@@ -45,3 +45,8 @@ struct TnefSpan {
         return true;
     }
 };
+
+// The listing's flags and the reader's name the same damage with different bits (the
+// listing's are older and public): one table translates both ways.
+uint32_t tnef_ListFlagsFromRead(uint32_t readFlags);
+uint32_t tnef_ReadFlagsFromList(uint32_t listFlags);
