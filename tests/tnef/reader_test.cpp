@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "tnef/platform/os_file.h"
 #include "tnef/tnef_reader.h"
 #include "tnef_defs.h"
+#include "tnef_read/tnef_names.h"
 
 using tnefbuild::PropList;
 using tnefbuild::Stream;
@@ -184,6 +186,28 @@ TEST(Reader, DamagedFilesAreFlagsAndCutsAtEveryOffsetStayInBounds) {
     } catch (const Escape& e) {
         EXPECT_EQ(er_GetReason(e), ER_TNEF_BAD_SIGNATURE);
     }
+}
+
+TEST(Reader, PublishedNamesAreFoundBothWays) {
+    const auto props = tnef_PropNameTable();
+    EXPECT_TRUE(std::is_sorted(props.begin(), props.end(), [](auto& a, auto& b) { return a.tag < b.tag; }));
+    const auto named = tnef_NamedPropNameTable();
+    EXPECT_TRUE(std::is_sorted(named.begin(), named.end(), [](auto& a, auto& b) {
+        return a.set != b.set ? a.set < b.set : a.lid < b.lid;
+    }));
+    EXPECT_STREQ(tnef_PropName(0x0037001F), "PR_SUBJECT");  // the Unicode form of an 8-bit name
+    EXPECT_STREQ(tnef_PropName(0x3A56101F), "PR_CONTACT_EMAIL_ADDRESSES");
+    EXPECT_STREQ(tnef_PropName(PR_ATTACH_DATA_BIN), "PR_ATTACH_DATA_BIN");
+    EXPECT_STREQ(tnef_PropName(PR_ATTACH_DATA_OBJ), "PR_ATTACH_DATA_OBJ");
+    EXPECT_EQ(tnef_PropName(0x66000003), nullptr);
+    EXPECT_EQ(tnef_PropTagByName("pr_subject"), PR_SUBJECT);
+    EXPECT_EQ(tnef_PropTagByName("PR_SUBJECTX"), 0u);
+    EXPECT_STREQ(tnef_PropTypeName(PT_MV_UNICODE), "PT_MV_UNICODE");
+    EXPECT_STREQ(tnef_PropSetName(PSETID_Meeting), "PSETID_Meeting");
+    EXPECT_STREQ(tnef_NamedPropName(PSETID_Appointment, 0x8205), "PidLidBusyStatus");
+    EXPECT_STREQ(tnef_NamedPropName(PSETID_Meeting, 0x0003), "PidLidGlobalObjectId");
+    EXPECT_EQ(tnef_NamedPropName(PSETID_Meeting, 0x8205), nullptr);
+    EXPECT_EQ(tnef_GuidText(PSETID_Meeting), "6ED8DA90-450B-101B-98DA-00AA003F1305");
 }
 
 // Every corpus file gives a view; its attachments are the listing's, and every property
