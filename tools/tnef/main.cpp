@@ -25,6 +25,7 @@ constexpr const char* kUsage =
     "  extract FILE...     write the attachments into a folder (-C DIR)\n"
     "  decode FILE         decode a TNEF file into a new message of the store\n"
     "  show MESSAGE        the records, parts and stored objects of a stored message\n"
+    "  props FILE          every MAPI property of a TNEF file, readable\n"
     "  getprop FILE [REQ]  MAPI properties of a TNEF file as property text\n"
     "  writeblob -o OUT    a TNEF file from property texts\n"
     "  scan FILE           walk a TNEF file attribute by attribute\n"
@@ -47,7 +48,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"list", cmdList}, {"extract", cmdExtract}, {"decode", cmdDecode},
     {"show", cmdShow}, {"getprop", cmdGetprop}, {"writeblob", cmdWriteblob},
-    {"scan", cmdScan}, {"encode", cmdEncode},
+    {"scan", cmdScan}, {"encode", cmdEncode}, {"props", cmdProps},
 };
 
 const Command* findCommand(const std::string& name) {

@@ -102,3 +102,4 @@ int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdScan(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args);

@@ -1,0 +1,95 @@
+// props: readable properties, and every value the same as getprop's own walker reads.
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "support/test_home.h"
+#include "tool_run.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using Seen = std::set<std::pair<std::string, std::string>>;  // (tag, value)
+
+std::string samplePath() { return std::string(TNEF_SOURCE_DIR) + "/samples/winmail.dat"; }
+
+// getprop's entries that both walkers render alike: 32-bit integers, and printable 8-bit
+// text (getprop escapes other bytes, props converts them to UTF-8). PR_ATTACH_FILENAME is
+// left out: getprop writes attAttachTitle under that tag too.
+void addGetpropEntries(const Json& entries, Seen& seen) {
+    for (const Json& e : entries) {
+        const std::string id = e["id"];
+        if (id.size() < 6 || id.size() > 8 || id == "3704001e" || e["values"].size() != 1) continue;
+        const std::string value = e["values"][0];
+        const unsigned long tag = std::strtoul(id.c_str(), nullptr, 16);
+        if ((tag & 0xFFFF) == 0x0003)
+            seen.insert({id, std::to_string(static_cast<int32_t>(std::strtoul(value.c_str(), nullptr, 16)))});
+        else if ((tag & 0xFFFF) == 0x001E && value.find('\\') == std::string::npos)
+            seen.insert({id, value});
+    }
+}
+
+void addPropsEntries(const Json& entries, Seen& seen) {
+    for (const Json& e : entries) {
+        if (!e["set"].is_null()) continue;
+        char id[16];
+        std::snprintf(id, sizeof id, "%x", static_cast<unsigned>(std::stoul(e["tag"].get<std::string>(), nullptr, 16)));
+        if (e["type"] == "PT_LONG") seen.insert({id, std::to_string(e["value"].get<int64_t>())});
+        if (e["type"] == "PT_STRING8") seen.insert({id, e["value"].get<std::string>()});
+    }
+}
+
+}  // namespace
+
+TEST(ToolProps, ShowsNamedTypedValuesAndJson) {
+    TestHome home;
+    const ToolRun run = runTool({"props", samplePath(), "--attachments"}, home.path());
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("PR_SENDER_EMAIL_ADDRESS (0x0C1F001E, PT_STRING8) = \"reports@example.com\"\n"),
+              std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("PR_READ_RECEIPT_REQUESTED (0x0029000B, PT_BOOLEAN) = true\n"), std::string::npos);
+    EXPECT_NE(run.out.find("attachment 2:\n  PR_ATTACH_METHOD (0x37050003, PT_LONG) = 1\n"), std::string::npos);
+    EXPECT_NE(run.out.find("  PR_ATTACH_LONG_FILENAME (0x3707001E, PT_STRING8) = \"sales chart.png\"\n"),
+              std::string::npos);
+    const Json j = Json::parse(runTool({"--json", "props", samplePath()}, home.path()).out);
+    EXPECT_EQ(j["properties"][0]["name"], "PR_IMPORTANCE");
+    EXPECT_EQ(j["properties"][0]["value"], 2);
+    EXPECT_EQ(j["properties"][1]["value"], true);
+    const ToolRun bad = runTool({"--json", "props", TNEF_SOURCE_DIR "/README.md"}, home.path());
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_TRUE(Json::parse(bad.out).contains("error"));
+}
+
+// Over the corpus, every value getprop reads for the message and its attachments, props
+// reads alike: two walkers of the stream that share nothing but the file.
+TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {
+    const std::string corpus = corpusDir();
+    if (corpus.empty()) GTEST_SKIP() << "no shared corpus beside this checkout (set TNEF_CORPUS)";
+    TestHome home;
+    size_t compared = 0;
+    for (const auto& f : std::filesystem::directory_iterator(corpus + "/files")) {
+        SCOPED_TRACE(f.path().filename().string());
+        const ToolRun props = runTool({"--json", "props", f.path(), "--attachments", "--recipients"}, home.path());
+        const ToolRun get = runTool({"--json", "getprop", f.path()}, home.path());
+        ASSERT_TRUE(Json::accept(props.out)) << props.out;
+        if (props.status != 0 || !Json::accept(get.out)) continue;
+        const Json p = Json::parse(props.out);
+        const Json g = Json::parse(get.out);
+        Seen fromGetprop, fromProps;
+        addGetpropEntries(g.value("properties", Json::array()), fromGetprop);
+        for (const Json& row : g.value("attachments", Json::array())) addGetpropEntries(row, fromGetprop);
+        addPropsEntries(p["properties"], fromProps);
+        for (const Json& row : p["attachments"]) addPropsEntries(row, fromProps);
+        for (const auto& entry : fromGetprop) {
+            EXPECT_TRUE(fromProps.count(entry)) << entry.first << " = " << entry.second;
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 200u);
+}
