@@ -10,7 +10,8 @@
 namespace {
 
 constexpr uint16_t kMvFlag = 0x1000;
-constexpr uint32_t kHexShown = 32;  // bytes of a binary value a line shows
+constexpr uint32_t kHexShown = 32;          // bytes of a binary value a line shows
+constexpr uint32_t kJsonHexLimit = 65536;   // and JSON, so memory stays small whatever the value
 
 std::string hex32(uint32_t v) {
     char b[16];
@@ -73,7 +74,7 @@ std::string valueText(int fd, const TnefPropEntry& e, size_t i) {
 nlohmann::json valueJson(int fd, const TnefPropEntry& e, size_t i) {
     const TnefValue& v = e.values[i];
     if (isText(v.type)) return e.texts[i];
-    if (isBinary(v.type)) return hexOf(fd, v, v.length);
+    if (isBinary(v.type)) return hexOf(fd, v, kJsonHexLimit);
     switch (v.type) {
         case 0x000B: return v.boolean;
         case 0x000A: return hex32(static_cast<uint32_t>(v.integer));
@@ -141,7 +142,12 @@ nlohmann::json propJson(int fd, const TnefPropEntry& e) {
     else
         j["id"] = p.named ? p.lid : p.id;
     nlohmann::json values = nlohmann::json::array();
-    for (size_t i = 0; i < e.values.size(); ++i) values.push_back(valueJson(fd, e, i));
+    bool cut = false;
+    for (size_t i = 0; i < e.values.size(); ++i) {
+        values.push_back(valueJson(fd, e, i));
+        cut |= isBinary(e.values[i].type) && e.values[i].length > kJsonHexLimit;
+    }
+    if (cut) j["cut"] = true;  // a binary value longer than kJsonHexLimit gives its first bytes
     if ((p.type & kMvFlag) != 0)
         j["value"] = values;
     else

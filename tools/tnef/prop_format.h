@@ -18,8 +18,8 @@ std::string propLabel(const TnefProp& prop);
 std::string propLine(int fd, const TnefPropEntry& entry);
 
 // {"tag", "name", "type", "set", "id" or "string_id", "value"}: strings in UTF-8, integers
-// as numbers, booleans, times as ISO 8601 text, binaries as hex text, several values as an
-// array.
+// as numbers, booleans, times as ISO 8601 text, binaries as hex text (their first 64 KiB,
+// with "cut": true when longer), several values as an array.
 nlohmann::json propJson(int fd, const TnefPropEntry& entry);
 
 // "2020-01-01T00:00:00Z".
