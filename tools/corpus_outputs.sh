@@ -17,6 +17,7 @@ for f in "$corpus"/files/*; do
   d="$out/$n" && mkdir -p "$d"
   "$tool" --json list "$f" >"$d/list.json" 2>"$d/list.err"; echo $? >>"$d/status"
   "$tool" extract "$f" -C "$d/extract" --embedded >/dev/null 2>"$d/extract.err"; echo $? >>"$d/status"
+  sed -i "s#$out#OUT#g" "$d/extract.err"
   "$tool" getprop "$f" GET-ALL -o "$d/props" --attach-out "$d/attach" --recips-out "$d/recips" \
     >/dev/null 2>"$d/getprop.err"; echo $? >>"$d/status"
   "$tool" getprop "$f" 0037001e >"$d/subject" 2>&1; echo $? >>"$d/status"

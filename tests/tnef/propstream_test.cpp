@@ -136,7 +136,7 @@ TEST(PropStream, EachPieceIsLaidOutAndReadToItsLastPaddingByte) {
         EXPECT_EQ(p.valuesPos, c.valuesPos);
         EXPECT_EQ(p.valuesEnd, c.built.size());
         if (p.named) {
-            EXPECT_EQ(std::string(reinterpret_cast<const char*>(p.namedHeader.name), 18),
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(b.data() + p.namedHeader.nameAt), 18),
                       kKeywords + "\0\0"s);
         }
     }

@@ -99,6 +99,7 @@ struct TnefCursor {
     size_t size = 0;
     size_t pos = 0;
 
+    size_t at() const { return pos; }
     size_t left() const { return size - pos; }
     bool has(size_t n) const { return n <= left(); }
     const uint8_t* here() const { return data + pos; }
@@ -121,33 +122,90 @@ struct TnefCursor {
     }
 };
 
+// ---- Reading a list, for any source of bytes ------------------------------------------------
+// Every reader of a property list takes these steps, written once here. A source is a
+// bounded cursor with `at()` (its position), `left()`, `u32(v)`, `bytes(out, n)` and
+// `skip(n)`: TnefCursor in memory, the reader's TnefSpan over a file, or a walker's own view
+// of a descriptor. The source decides how reads are bounded and what the end of the data
+// means; the steps never read a byte their source refuses, so every length and count is
+// checked where it is read.
+
 // The header of a named property (ids 0x8000 and above), after its tag.
 struct TnefNamedPropHeader {
     TnefGuid guid{};
     uint32_t kind = MNID_ID;  // 0 numeric name, any other value string name
     uint32_t lid = 0;         // numeric name (kind 0)
     uint32_t nameLength = 0;  // string name: bytes including the 16-bit NUL (other kinds)
-    const uint8_t* name = nullptr;  // string name bytes inside the cursor's data
+    uint64_t nameAt = 0;      // string name: its position in the source
 };
 
-// Reads the property set, the kind and the numeric name or the string name with its
-// padding. False when the data ends first (the cursor is then unspecified).
-bool tnef_ReadNamedPropHeader(TnefCursor& cur, TnefNamedPropHeader& out);
+// Reads the property set, the kind and the numeric name, or the string name's length and
+// steps over the name and its padding. False when the data ends first.
+template <class Source>
+bool tnef_ReadNamedPropHeader(Source& s, TnefNamedPropHeader& out) {
+    if (!s.bytes(out.guid.data(), out.guid.size()) || !s.u32(out.kind)) return false;
+    if (out.kind == MNID_ID) return s.u32(out.lid);
+    if (!s.u32(out.nameLength) || out.nameLength > s.left()) return false;
+    out.nameAt = s.at();
+    return s.skip(static_cast<uint64_t>(out.nameLength) + tnef_Pad4(out.nameLength));
+}
 
-// One property of a list, as a reader that walks in memory sees it.
+// The value count of a type that carries one; 1 for the others.
+template <class Source>
+bool tnef_ReadValueCount(Source& s, const TnefPropTypeInfo& info, uint32_t& count) {
+    count = 1;
+    return !info.hasValueCount || s.u32(count);
+}
+
+// One length-prefixed value: its length, then the bytes and padding stepped over (the last
+// value's padding may be missing at the very end of the data).
+template <class Source>
+bool tnef_SkipLengthPrefixedValue(Source& s, uint32_t& length) {
+    return s.u32(length) && s.skip(static_cast<uint64_t>(length) + tnef_Pad4(length));
+}
+
+// Steps over count values of a type; false when the data ends first or the type is unknown.
+template <class Source>
+bool tnef_SkipPropValues(Source& s, uint16_t type, uint32_t count) {
+    if (!tnef_IsKnownPropType(type)) return false;
+    const TnefPropTypeInfo info = tnef_PropTypeInfo(type);
+    if (!info.lengthPrefixed) return s.skip(static_cast<uint64_t>(info.slotSize) * count);
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t length = 0;
+        if (!tnef_SkipLengthPrefixedValue(s, length)) return false;
+    }
+    return true;
+}
+
+// One property of a list, as its head tells it.
 struct TnefPropView {
     uint32_t tag = 0;
     bool named = false;
     TnefNamedPropHeader namedHeader;
     uint32_t valueCount = 1;
-    size_t valuesPos = 0;  // offset of the first value in the cursor's data
-    size_t valuesEnd = 0;  // offset just past the last value's padding
+    uint64_t valuesPos = 0;  // position of the first value in the source
+    uint64_t valuesEnd = 0;  // just past the last value's padding (tnef_NextPropInList)
 };
 
-// Reads the next property of a list: tag, named header, value count, and steps over the
-// values. False when the data ends inside the property or the type is unknown (readers
-// that walk in memory stop there).
-bool tnef_NextPropInList(TnefCursor& cur, TnefPropView& out);
+// The head of the next property: tag, named header (ids 0x8000 and above), value count.
+// False when the data ends inside it or the type's layout is unknown.
+template <class Source>
+bool tnef_ReadPropHead(Source& s, TnefPropView& out) {
+    out = TnefPropView{};
+    if (!s.u32(out.tag)) return false;
+    out.named = tnef_IsNamedPropId(PROP_ID(out.tag));
+    if (out.named && !tnef_ReadNamedPropHeader(s, out.namedHeader)) return false;
+    const TnefPropTypeInfo info = tnef_PropTypeInfo(PROP_TYPE(out.tag));
+    if (!info.known || !tnef_ReadValueCount(s, info, out.valueCount)) return false;
+    out.valuesPos = s.at();
+    return true;
+}
 
-// Steps over count values of a type; false when the data ends first or the type is unknown.
-bool tnef_SkipPropValues(TnefCursor& cur, uint16_t type, uint32_t count);
+// The next property of a list, its values stepped over.
+template <class Source>
+bool tnef_NextPropInList(Source& s, TnefPropView& out) {
+    if (!tnef_ReadPropHead(s, out) || !tnef_SkipPropValues(s, PROP_TYPE(out.tag), out.valueCount))
+        return false;
+    out.valuesEnd = s.at();
+    return true;
+}

@@ -67,11 +67,6 @@ constexpr ValueLayout valueLayout(uint16_t type) {
     }
 }
 
-constexpr bool hasValueCount(uint16_t type) {
-    return (type & MV_FLAG) != 0 || type == PT_OBJECT || type == PT_STRING8 ||
-           type == PT_UNICODE || type == PT_BINARY;
-}
-
 // 0xFFFF is MAPI's invalid property id; only the ids the writers hand out carry a header.
 constexpr bool hasNamedHeader(uint32_t tag) {
     return PROP_ID(tag) >= NAMED_PROP_FIRST_ID && PROP_ID(tag) <= NAMED_PROP_LAST_ID;
@@ -81,17 +76,25 @@ enum class Step { Done, UnknownType, Overrun };
 
 // One walk over a list: every field read is passed on to the output unless the property it
 // belongs to is being removed.
+// It is a source for the shared list steps: whatever they read is passed on as well.
 struct StripWalk {
     TnefCursor in;
     OutCursor out;
     bool keep = true;
 
+    size_t at() const { return in.at(); }
+    size_t left() const { return in.left(); }
+    bool bytes(void* to, size_t n) {
+        const size_t from = in.pos;
+        return cursorGet(in, to, n) && (!keep || cursorPut(out, in.data + from, n));
+    }
     bool u32(uint32_t& value) {
         uint8_t b[4];
-        if (!cursorGet(in, b, sizeof b)) return false;
+        if (!bytes(b, sizeof b)) return false;
         value = tnef_GetU32(b);
-        return !keep || cursorPut(out, b, sizeof b);
+        return true;
     }
+    bool skip(uint64_t n) { return pass(n); }
     // n is 64-bit, and compared as such, so that a length near 4 GiB plus its padding wraps
     // neither here nor in a 32-bit size_t.
     bool pass(uint64_t n) {
@@ -107,55 +110,52 @@ void trace(const char* format, uint64_t value) {
     std::fflush(TraceF);
 }
 
-bool passNamedHeader(StripWalk& w) {
-    uint32_t kind = 0;
-    uint32_t nameOrLength = 0;
-    if (!w.pass(sizeof(TnefGuid)) || !w.u32(kind) || !w.u32(nameOrLength)) return false;
-    if (kind == MNID_ID) return true;
-    return w.pass(static_cast<uint64_t>(nameOrLength) + tnef_Pad4(nameOrLength));
-}
-
 // Steps over the values; *size gets the value bytes for the trace.
 Step passValues(StripWalk& w, uint16_t type, uint32_t count, uint64_t* size) {
     switch (valueLayout(type)) {
         case ValueLayout::Unknown: return Step::UnknownType;
-        case ValueLayout::Fixed4: *size = 4ull * count; break;
-        case ValueLayout::Fixed8: *size = 8ull * count; break;
-        case ValueLayout::Fixed16: *size = 16ull * count; break;
+        case ValueLayout::Fixed4:
+        case ValueLayout::Fixed8:
+        case ValueLayout::Fixed16:
+            *size = static_cast<uint64_t>(tnef_PropTypeInfo(type).slotSize) * count;
+            return tnef_SkipPropValues(w, type, count) ? Step::Done : Step::Overrun;
         case ValueLayout::LengthPrefixed:
             *size = 0;
             for (uint32_t i = 0; i < count; ++i) {
                 uint32_t length = 0;
-                if (!w.u32(length) || !w.pass(static_cast<uint64_t>(length) + tnef_Pad4(length)))
-                    return Step::Overrun;
+                if (!tnef_SkipLengthPrefixedValue(w, length)) return Step::Overrun;
                 *size += length;
             }
             return Step::Done;
         case ValueLayout::Object: {
             // One value whatever the count: its length covers the 16-byte interface id.
             uint32_t length = 0;
-            if (!w.u32(length) || length < 16) return Step::Overrun;
+            if (!tnef_SkipLengthPrefixedValue(w, length) || length < 16) return Step::Overrun;
             *size = length - 16;
-            return w.pass(static_cast<uint64_t>(length) + tnef_Pad4(length)) ? Step::Done
-                                                                             : Step::Overrun;
+            return Step::Done;
         }
     }
-    return w.pass(*size) ? Step::Done : Step::Overrun;
+    return Step::Overrun;
 }
 
 Step passProperty(StripWalk& w, uint32_t* removed) {
     // The tag decides whether the property is kept, so it is read before anything is passed.
-    uint8_t tagBytes[4];
-    if (!cursorGet(w.in, tagBytes, sizeof tagBytes)) return Step::Overrun;
-    const uint32_t tag = tnef_GetU32(tagBytes);
+    const size_t tagAt = w.in.pos;
+    uint32_t tag = 0;
+    if (!w.in.u32(tag)) return Step::Overrun;
     trace("    Property: 0x%08x", tag);
     w.keep = tag != PR_RECORD_KEY;
     if (!w.keep) ++*removed;
-    if (w.keep && !cursorPut(w.out, tagBytes, sizeof tagBytes)) return Step::Overrun;
-    if (hasNamedHeader(tag) && !passNamedHeader(w)) return Step::Overrun;
+    if (w.keep && !cursorPut(w.out, w.in.data + tagAt, 4)) return Step::Overrun;
+    TnefNamedPropHeader named;
+    if (hasNamedHeader(tag) && !tnef_ReadNamedPropHeader(w, named)) return Step::Overrun;
     const uint16_t type = PROP_TYPE(tag);
+    // Of a type outside the stream's tables, the count is read only when the multi-value bit
+    // announces one; the walk then stops at the type either way.
+    TnefPropTypeInfo counted = tnef_PropTypeInfo(type);
+    if (!counted.known) counted.hasValueCount = (type & MV_FLAG) != 0;
     uint32_t count = 1;
-    if (hasValueCount(type) && !w.u32(count)) return Step::Overrun;
+    if (!tnef_ReadValueCount(w, counted, count)) return Step::Overrun;
     uint64_t size = 0;
     const Step step = passValues(w, type, count, &size);
     if (step != Step::Done) return step;

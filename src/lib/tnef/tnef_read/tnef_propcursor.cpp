@@ -44,17 +44,11 @@ bool openList(TnefPropCursor* c, const TnefRecordCursor* records, uint64_t at, u
     return true;
 }
 
-bool readNamedHeader(TnefSpan& s, TnefProp* p) {
-    uint32_t kind = 0;
-    if (!s.bytes(p->set.data(), p->set.size()) || !s.u32(kind)) return false;
-    p->stringName = kind != MNID_ID;
-    if (!p->stringName) return s.u32(p->lid);
-    uint32_t length = 0;
-    if (!s.u32(length) || length > s.left()) return false;
-    std::string raw(std::min(length, kNameLimit), '\0');
-    if (!s.bytes(raw.data(), raw.size())) return false;
-    p->name = tnef_TextFromUtf16(raw);
-    return s.skip(static_cast<uint64_t>(length - raw.size()) + tnef_Pad4(length));
+// A string name in UTF-8: its first kNameLimit bytes are converted.
+std::string nameText(const TnefPropCursor* c, const TnefNamedPropHeader& h) {
+    std::string raw(std::min(h.nameLength, kNameLimit), '\0');
+    raw.resize(tnef_ReadBytes(c->records, h.nameAt, raw.data(), raw.size()));
+    return tnef_TextFromUtf16(raw);
 }
 
 // Steps over the values of the current property that were not read.
@@ -132,15 +126,19 @@ bool tnef_NextProp(TnefPropCursor* c, TnefProp* p) {
     *p = TnefProp{};
     if (!skipRest(c) || c->index >= c->count) return false;
     TnefSpan s = spanOf(c);
-    if (!s.u32(p->tag)) return fail(c, TNEF_READ_BAD_PROPS);
+    TnefPropView head;
+    if (!tnef_ReadPropHead(s, head)) return fail(c, TNEF_READ_BAD_PROPS);
+    p->tag = head.tag;
     p->id = PROP_ID(p->tag);
     p->type = PROP_TYPE(p->tag);
-    p->named = tnef_IsNamedPropId(p->id);
-    if (p->named && !readNamedHeader(s, p)) return fail(c, TNEF_READ_BAD_PROPS);
+    p->named = head.named;
+    p->set = head.namedHeader.guid;
+    p->stringName = head.named && head.namedHeader.kind != MNID_ID;
+    p->lid = head.namedHeader.lid;
+    if (p->stringName) p->name = nameText(c, head.namedHeader);
+    p->count = head.valueCount;
+    p->offset = head.valuesPos;
     const TnefPropTypeInfo info = tnef_PropTypeInfo(p->type);
-    if (!info.known) return fail(c, TNEF_READ_BAD_PROPS);
-    p->offset = s.pos;
-    if (info.hasValueCount && !s.u32(p->count)) return fail(c, TNEF_READ_BAD_PROPS);
     const uint64_t least = info.lengthPrefixed ? 4 : info.slotSize;
     if (p->count > s.left() / least) {
         c->flags |= TNEF_READ_COUNT_BEYOND;

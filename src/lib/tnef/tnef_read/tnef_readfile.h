@@ -32,6 +32,7 @@ struct TnefSpan {
     uint64_t pos;
     uint64_t end;
 
+    uint64_t at() const { return pos; }
     uint64_t left() const { return end - pos; }
     bool bytes(void* out, size_t n) {
         if (n > left() || !tnef_ReadFileAt(*file, pos, out, n)) return false;
