@@ -139,13 +139,21 @@ struct TnefNamedPropHeader {
     uint64_t nameAt = 0;      // string name: its position in the source
 };
 
-// Reads the property set, the kind and the numeric name, or the string name's length and
-// steps over the name and its padding. False when the data ends first.
+// The fixed part: the property set, the kind, and the numeric name or the string name's
+// length. The source then stands at the string name, for a walker that keeps it.
+template <class Source>
+bool tnef_ReadNamedPropHead(Source& s, TnefNamedPropHeader& out) {
+    return s.bytes(out.guid.data(), out.guid.size()) && s.u32(out.kind) &&
+           s.u32(out.kind == MNID_ID ? out.lid : out.nameLength);
+}
+
+// The whole header: the fixed part, then the string name and its padding stepped over.
+// False when the data ends first.
 template <class Source>
 bool tnef_ReadNamedPropHeader(Source& s, TnefNamedPropHeader& out) {
-    if (!s.bytes(out.guid.data(), out.guid.size()) || !s.u32(out.kind)) return false;
-    if (out.kind == MNID_ID) return s.u32(out.lid);
-    if (!s.u32(out.nameLength) || out.nameLength > s.left()) return false;
+    if (!tnef_ReadNamedPropHead(s, out)) return false;
+    if (out.kind == MNID_ID) return true;
+    if (out.nameLength > s.left()) return false;
     out.nameAt = s.at();
     return s.skip(static_cast<uint64_t>(out.nameLength) + tnef_Pad4(out.nameLength));
 }

@@ -89,18 +89,34 @@ void appendHex(dstring* text, uint32_t value) {
     dstring_append1(text, digits);
 }
 
-bool readU32(int fd, uint32_t& value) {
-    uint8_t bytes[4];
-    if (!tnef_PropReadExact(fd, bytes, sizeof bytes)) return false;
-    value = tnef_GetU32(bytes);
-    return true;
-}
-
 // A failed seek leaves the position unknown, so it ends the walk like the end of the file.
 bool seekForward(int fd, uint64_t count) {
     if (tnef_PropSeek(fd, static_cast<int64_t>(count), 1, &hitTnefEof) >= 0) return true;
     hitTnefEof = 1;
     return false;
+}
+
+// Extraction reads a list at the descriptor's own position, as a source of the shared list
+// steps: reads that come short and seeks that fail set hitTnefEof and end the walk. It
+// knows no bound but the file's, and nothing it renders needs its position.
+struct PropSource {
+    int fd;
+
+    uint64_t at() const { return 0; }
+    uint64_t left() const { return UINT64_MAX; }
+    bool bytes(void* out, size_t n) { return tnef_PropReadExact(fd, out, static_cast<uint32_t>(n)); }
+    bool u32(uint32_t& value) {
+        uint8_t b[4];
+        if (!bytes(b, sizeof b)) return false;
+        value = tnef_GetU32(b);
+        return true;
+    }
+    bool skip(uint64_t n) { return seekForward(fd, n); }
+};
+
+bool readU32(int fd, uint32_t& value) {
+    PropSource s{fd};
+    return s.u32(value);
 }
 
 bool isNamedId(uint16_t id) {
@@ -119,8 +135,9 @@ TnefPropTypeInfo renderLayout(uint16_t type) {
 
 // 2- and 4-byte values as hexadecimal, wider ones as the blob encoding of their bytes.
 bool appendFixedValues(int fd, const TnefPropTypeInfo& layout, dstring* text) {
+    PropSource s{fd};
     uint32_t count = 1;
-    if (layout.hasValueCount && !readU32(fd, count)) return false;
+    if (!tnef_ReadValueCount(s, layout, count)) return false;
     std::array<uint8_t, 16> slot{};
     // Each value is read from the file, so a lying count ends at the end of the file.
     for (uint32_t i = 0; i < count; ++i) {
@@ -139,10 +156,10 @@ bool appendFixedValues(int fd, const TnefPropTypeInfo& layout, dstring* text) {
 // Steps over the rest of a multi-valued property after an oversized value, so that the
 // next property is read where it starts.
 bool passOverLengthPrefixed(int fd, uint32_t remaining) {
+    PropSource s{fd};
     for (uint32_t i = 0; i < remaining; ++i) {
         uint32_t length = 0;
-        if (!readU32(fd, length)) return false;
-        if (!seekForward(fd, static_cast<uint64_t>(length) + tnef_Pad4(length))) return false;
+        if (!tnef_SkipLengthPrefixedValue(s, length)) return false;
     }
     return true;
 }
@@ -235,9 +252,16 @@ struct NamedHeader {
 
 // False when the header is cut short or its name is over the limit: the list ends there.
 bool readNamedHeader(int fd, NamedHeader& named) {
-    if (!tnef_PropReadExact(fd, named.guid.data(), 16) || !readU32(fd, named.kind)) return false;
-    if (named.kind == MNID_ID) return readU32(fd, named.numericId);
-    if (!readU32(fd, named.nameLength) || named.nameLength > TNEF_PROP_NAME_LIMIT) return false;
+    PropSource s{fd};
+    TnefNamedPropHeader head;
+    const bool whole = tnef_ReadNamedPropHead(s, head);
+    named.guid = head.guid;
+    named.kind = head.kind;
+    named.numericId = head.lid;
+    named.nameLength = head.nameLength;
+    if (!whole) return false;
+    if (named.kind == MNID_ID) return true;
+    if (named.nameLength > TNEF_PROP_NAME_LIMIT) return false;
     std::array<uint8_t, 3> padding;
     return tnef_PropReadExact(fd, named.name.data(), named.nameLength) &&
            tnef_PropReadExact(fd, padding.data(), tnef_Pad4(named.nameLength));
@@ -248,21 +272,20 @@ bool readNamedHeader(int fd, NamedHeader& named) {
 bool passOverValue(int fd, uint32_t tag) {
     const TnefPropTypeInfo layout = tnef_PropTypeInfo(PROP_TYPE(tag));
     if (!layout.known) return false;
+    PropSource s{fd};
     uint32_t count = 1;
-    if (layout.hasValueCount && !readU32(fd, count)) return false;
+    if (!tnef_ReadValueCount(s, layout, count)) return false;
     uint64_t size = 0;
     if (layout.lengthPrefixed) {
         // One length word is read per value, so a lying count ends at the end of the file.
         for (uint32_t i = 0; i < count; ++i) {
             uint32_t length = 0;
-            if (!readU32(fd, length)) return false;
-            const uint64_t span = static_cast<uint64_t>(length) + tnef_Pad4(length);
-            if (!seekForward(fd, span)) return false;
-            size += span;
+            if (!tnef_SkipLengthPrefixedValue(s, length)) return false;
+            size += static_cast<uint64_t>(length) + tnef_Pad4(length);
         }
     } else {
         size = static_cast<uint64_t>(count) * layout.slotSize;
-        if (!seekForward(fd, size)) return false;
+        if (!tnef_SkipPropValues(s, PROP_TYPE(tag), count)) return false;
     }
     tnef_PropLogf("  Size = %d\n", static_cast<int>(size));
     return true;
