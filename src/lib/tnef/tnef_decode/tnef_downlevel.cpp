@@ -19,11 +19,18 @@ void skip(int fd, uint64_t n) {
     if (n != 0) os_lseek64(fd, static_cast<int64_t>(n), 1);
 }
 
+// The value count and the first value's length of a string or object value; what a cut
+// stream leaves of them is used as it stands.
+void readCountAndLength(int fd, uint16_t type, uint32_t& count, uint32_t& length) {
+    TnefDecodeSource s{fd};
+    tnef_ReadValueCount(s, tnef_PropTypeInfo(type), count);
+    s.u32(length);
+}
+
 void readDisplayName(int fd, char* nameBuffer, uint32_t nameCapacity) {
     uint32_t count = 0;
     uint32_t length = 0;
-    tnef_ReadU32(fd, &count);
-    tnef_ReadU32(fd, &length);
+    readCountAndLength(fd, PT_STRING8, count, length);
     // The name and its NUL must fit below the capacity, so the buffer always ends in a NUL.
     if (length >= nameCapacity)
         er_TracedEscapeText(ER_GROUP_TNEF, ER_TNEF_TOO_LONG, TNEF_UNIT_DECODE, __LINE__,
@@ -39,8 +46,7 @@ void readDisplayName(int fd, char* nameBuffer, uint32_t nameCapacity) {
 int copyAttachedObject(int fd, int64_t attrEnd, std::string* fileName, ItemRef* ref) {
     uint32_t count = 0;
     uint32_t length = 0;
-    tnef_ReadU32(fd, &count);
-    tnef_ReadU32(fd, &length);
+    readCountAndLength(fd, PT_OBJECT, count, length);
     ItemRef item{};
     OsFd out(im_CrNewTempItem(&item));
     ImItemOwner owner(item);
@@ -85,13 +91,14 @@ int tnef_ParseDownLevelMAPIProps(int tnefFd, dstring* mainText, dstring* seconda
     if (dstring_length(mainText) == 0) tnefLastSetAttachMain = TNEF_UNSET_SLOT;
     if (dstring_length(secondaryText) == 0) tnefLastSetAttachSecondary = TNEF_UNSET_SLOT;
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
+    TnefDecodeSource s{tnefFd};
     uint32_t count = 0;
-    tnef_ReadU32(tnefFd, &count);
+    s.u32(count);
     // The attached object's item is removed again if an escape ends the list.
     std::optional<ImItemOwner> object;
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
         uint32_t tag = 0;
-        if (!tnef_ReadU32(tnefFd, &tag)) break;
+        if (!s.u32(tag)) break;
         if (tag == PR_DISPLAY_NAME) {
             readDisplayName(tnefFd, nameBuffer, nameCapacity);
         } else if (tag == PR_ATTACH_DATA_OBJ) {

@@ -101,12 +101,19 @@ void appendFixedValue(dstring* text, int fd, const TnefPropTypeInfo& info) {
         appendEscaped(text, value, info.dataSize);
 }
 
+TnefPropTypeInfo fixedInfo(uint16_t type) {
+    const uint16_t base = type & static_cast<uint16_t>(~MV_FLAG);
+    return tnef_PropTypeInfo(base);
+}
+
 // Multi-valued fixed-size types: the values joined by the value separator. A count that
 // cannot fit in the attribute is corrupt; it is cut to what the attribute can hold, and the
 // loop ends where the stream does.
-void appendFixedValues(dstring* text, int fd, const TnefPropTypeInfo& info, uint32_t attrLength) {
+void appendFixedValues(dstring* text, int fd, uint16_t type, uint32_t attrLength) {
+    const TnefPropTypeInfo info = fixedInfo(type);
+    TnefDecodeSource s{fd};
     uint32_t count = 0;
-    if (!tnef_ReadU32(fd, &count)) return;
+    if (!tnef_ReadValueCount(s, tnef_PropTypeInfo(type), count)) return;
     const uint32_t fits = attrLength / info.slotSize;
     if (count > fits) count = fits;
     for (uint32_t i = 0; i < count; ++i) {
@@ -131,11 +138,6 @@ bool isFixedTextType(uint16_t type) {
         default:
             return false;
     }
-}
-
-TnefPropTypeInfo fixedInfo(uint16_t type) {
-    const uint16_t base = type & static_cast<uint16_t>(~MV_FLAG);
-    return tnef_PropTypeInfo(base);
 }
 
 // Where a property of the general path is written when its value is too long for the text.
@@ -193,10 +195,12 @@ uint32_t terminatorBytes(uint16_t type) {
 // to the object file (the text was rolled back and gets nothing more from it).
 bool appendVariableValues(dstring* text, size_t rollback, const ObjectTarget& target,
                           int tnefFd, uint32_t attrLength) {
+    TnefDecodeSource s{tnefFd};
     uint32_t count = 0;
-    if (!tnef_ReadU32(tnefFd, &count) || count == 0) return true;
+    if (!tnef_ReadValueCount(s, tnef_PropTypeInfo(PROP_TYPE(target.tag)), count) || count == 0)
+        return true;
     uint32_t length = 0;
-    tnef_ReadU32(tnefFd, &length);
+    s.u32(length);
     // A count or length beyond the attribute is read as one value filling the attribute.
     const uint32_t limit = attrLength >= 16 ? attrLength - 16 : 0;
     if (length > limit || count > limit) {
@@ -224,7 +228,7 @@ bool appendVariableValues(dstring* text, size_t rollback, const ObjectTarget& ta
         skipPadding(tnefFd, length);
         if (i + 1 < count) {
             // A stream that ends inside the list ends the values; no loop over a bogus count.
-            if (!tnef_ReadU32(tnefFd, &length)) break;
+            if (!s.u32(length)) break;
             if (length > limit) length = limit;
         }
     }
@@ -273,7 +277,7 @@ void tnef_AddToMAPIProps(int objectFd, int tnefFd, uint32_t tag, dstring* text,
 
     if (isFixedTextType(type)) {
         if (type & MV_FLAG)
-            appendFixedValues(text, tnefFd, fixedInfo(type), attrLength);
+            appendFixedValues(text, tnefFd, type, attrLength);
         else
             appendFixedValue(text, tnefFd, fixedInfo(type));
     } else {
@@ -328,12 +332,15 @@ bool tnef_AddRoutedProp(int objectFd, int tnefFd, uint32_t tag, dstring* mainTex
 
 bool tnef_ReadNamedHeader(int tnefFd, TnefGuid& set, uint32_t& kind, uint32_t& lid,
                           uint8_t* nameBuffer, uint32_t& nameLength) {
-    set.fill(0);
-    nameLength = 0;
-    lid = 0;
-    if (os_read(tnefFd, set.data(), 16) != 16 || !tnef_ReadU32(tnefFd, &kind)) return false;
-    if (kind == MNID_ID) return tnef_ReadU32(tnefFd, &lid);
-    if (!tnef_ReadU32(tnefFd, &nameLength)) return false;
+    TnefDecodeSource s{tnefFd};
+    TnefNamedPropHeader head;
+    const bool whole = tnef_ReadNamedPropHead(s, head);
+    set = head.guid;
+    kind = head.kind;
+    lid = head.lid;
+    nameLength = head.nameLength;
+    if (!whole) return false;
+    if (kind == MNID_ID) return true;
     std::memset(nameBuffer, 0, nameLength <= TNEF_TEXT_CAPACITY ? nameLength : 0);
     return tnef_ReadBounded(tnefFd, nameBuffer, nameLength, TNEF_TEXT_CAPACITY) ==
            static_cast<int64_t>(nameLength);
@@ -366,10 +373,11 @@ void readTime(int fd, uint32_t* seconds, uint16_t* companion) {
 
 // The first value of a counted property into a caller buffer of TNEF_TEXT_CAPACITY + 1.
 void readFirstValueInto(int fd, char* buffer) {
+    TnefDecodeSource s{fd};
     uint32_t count = 0;
     uint32_t length = 0;
-    tnef_ReadU32(fd, &count);
-    tnef_ReadU32(fd, &length);
+    tnef_ReadValueCount(s, tnef_PropTypeInfo(PT_BINARY), count);
+    s.u32(length);
     const int64_t n = tnef_ReadBounded(fd, buffer, length, TNEF_TEXT_CAPACITY);
     buffer[n > 0 ? n : 0] = '\0';
     skipPadding(fd, length);
@@ -431,14 +439,15 @@ void tnef_ParseMAPIProps(int objectFd, int tnefFd, dstring* mainText, dstring* s
     uint32_t attrLength = 0;
     tnef_ReadU32(tnefFd, &attrLength);
     const int64_t end = os_lseek64(tnefFd, 0, 1) + attrLength;
+    TnefDecodeSource s{tnefFd};
     uint32_t count = 0;
-    tnef_ReadU32(tnefFd, &count);
+    s.u32(count);
 
     // The list ends at its count, at the end of the stream, or where the attribute ends: a
     // count larger than the attribute holds would otherwise read the records after it.
     for (; count != 0 && os_lseek64(tnefFd, 0, 1) < end; --count) {
         uint32_t tag = 0;
-        if (!tnef_ReadU32(tnefFd, &tag)) break;
+        if (!s.u32(tag)) break;
         if (takePlainValue(tag, tnefFd, outs)) continue;
         if (isSecondaryPlainTag(tag)) {
             tnef_AddToMAPIProps(objectFd, tnefFd, tag, secondaryText, nullptr, nullptr, 0, 0,

@@ -1,11 +1,13 @@
 // Record-level helpers the top-level and the nested parse share.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/im_items.h"
+#include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 
 // Copies one record whole into the object file: the level and identifier already read, then
@@ -24,6 +26,25 @@ void tnef_CopyRecords(int16_t destination, int16_t source);
 bool tnef_ReadRecordHead(int tnefFd, uint8_t* level, uint32_t* id);
 // A 32-bit field; false when the stream ended first.
 bool tnef_ReadU32(int tnefFd, uint32_t* value);
+// The decoder reads a property list at the descriptor's own position, as a source of the
+// shared list steps: a field the stream cuts short still gives the bytes there were (as
+// tnef_ReadU32 does), and a relative seek may pass the end. It knows no bound but the
+// file's, and nothing it writes needs its position.
+struct TnefDecodeSource {
+    int fd;
+
+    uint64_t at() const { return 0; }
+    uint64_t left() const { return UINT64_MAX; }
+    bool bytes(void* out, size_t n) {
+        return os_read(fd, out, static_cast<int64_t>(n)) == static_cast<int64_t>(n);
+    }
+    bool u32(uint32_t& value) { return tnef_ReadU32(fd, &value); }
+    bool skip(uint64_t n) {
+        if (n != 0) os_lseek64(fd, static_cast<int64_t>(n), 1);
+        return true;
+    }
+};
+
 // Reads and drops the 2-byte checksum; false when the stream ended first.
 bool tnef_SkipChecksum(int tnefFd);
 
