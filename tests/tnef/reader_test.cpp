@@ -2,14 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "support/store_checks.h"
 #include "support/test_home.h"
 #include "support/tnef_builder.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
+#include "tnef/platform/msg_builder.h"
+#include "tnef/platform/msg_store.h"
+#include "tnef/platform/tf_msgfile.h"
+#include "tnef/tnef.h"
 #include "tnef/tnef_reader.h"
 #include "tnef_defs.h"
 #include "tnef_read/tnef_names.h"
@@ -36,6 +42,60 @@ TnefMessageView view(const TestHome& home, const std::string& tnef) {
     TnefMessageView v;
     tnef_ReadMessage(in.get(), &v);
     return v;
+}
+
+// Runs a stream through every entry that walks property lists: the view, the listing, the
+// decoder, extraction and the scan. Each may escape for bad TNEF (group 102) and nothing
+// else, and leaves no descriptor or message file open.
+void everyEntry(const TestHome& home, const std::string& tnef) {
+    const int fdsBefore = storecheck::openFdCount();
+    home.write("in.tnef", tnef);
+    const std::string path = home.file("in.tnef");
+    const auto entry = [&](const char* name, auto&& work) {
+        try {
+            work();
+        } catch (const Escape& e) {
+            EXPECT_EQ(er_GetGroup(e), ER_GROUP_TNEF) << name << ": " << e.what();
+        }
+    };
+    OsFd in(os_open(path.c_str(), O_RDONLY, 0));
+    entry("view", [&] { TnefMessageView v; tnef_ReadMessage(in.get(), &v); });
+    entry("getprop", [&] {
+        char *props = nullptr, *recips = nullptr, *attach = nullptr;
+        tnef_GetProp(in.get(), "GET-ALL", &props, &recips, &attach, "in.tnef");
+        std::free(props), std::free(recips), std::free(attach);
+    });
+    entry("scan", [&] {
+        TnefAttachScan* list = nullptr;
+        try {
+            tnef_ScanTnef(in.get(), PR_ATTACH_DATA_OBJ, &list);
+        } catch (const Escape&) {
+            tnef_FreeScanList(&list);
+            throw;
+        }
+        tnef_FreeScanList(&list);
+    });
+    in.close();
+    entry("decode", [&] {
+        ReceivedMessage received;
+        int16_t tf = 0;
+        const int16_t msg = Msg_BuildReceived(received, &tf);
+        const int16_t before = tf;
+        uint16_t receipt = 0;
+        uint32_t reply = 0;
+        try {
+            tnef_Decode(msg, &tf, path.c_str(), &receipt, &reply, 0, 0);
+        } catch (const Escape&) {
+            tf_CloseFile(tf);
+            Msg_Delete(msg);
+            throw;
+        }
+        if (tf != before) tf_CloseFile(before);
+        tf_CloseFile(tf);
+        Msg_Delete(msg);
+    });
+    EXPECT_EQ(tf_OpenHandleCount(), 0);
+    EXPECT_EQ(storecheck::openFdCount(), fdsBefore);
 }
 
 TEST(Reader, PropertiesComeTypedWithTheirNamedIdentity) {
@@ -153,6 +213,11 @@ TEST(Reader, HostileStreamsEndInFlagsNotFaults) {
         const TnefMessageView v = view(home, start().record(1, attMAPIProps, c.props).bytes());
         EXPECT_EQ(v.flags & ~TNEF_READ_BAD_CHECKSUM, c.flags);
         EXPECT_EQ(v.properties.size(), c.kept);
+        // The same list as the message's, an attachment's and a recipient's, for every entry.
+        everyEntry(home, start().record(1, attMAPIProps, c.props).bytes());
+        everyEntry(home, start().record(2, attAttachRenddata, std::string(14, '\0'))
+                             .record(2, attAttachment, c.props).bytes());
+        everyEntry(home, start().record(1, attRecipTable, "\x01\0\0\0"s + c.props).bytes());
     }
 }
 
@@ -177,8 +242,10 @@ TEST(Reader, DamagedFilesAreFlagsAndCutsAtEveryOffsetStayInBounds) {
     EXPECT_EQ(cut.attachments[0].dataLength, 8u);  // the data and the cut checksum's bytes
     // Only a cut at one of the six record boundaries leaves a whole, shorter stream.
     size_t whole = 0;
-    for (size_t n = 4; n < tnef.size(); ++n)
+    for (size_t n = 4; n < tnef.size(); ++n) {
         whole += (view(home, tnef.substr(0, n)).flags & (TNEF_READ_TRUNCATED | TNEF_READ_TRAILING)) == 0;
+        everyEntry(home, tnef.substr(0, n));
+    }
     EXPECT_EQ(whole, 6u);
     try {
         view(home, "MZ\x90\0"s);
