@@ -66,6 +66,18 @@ TEST(ToolProps, ShowsNamedTypedValuesAndJson) {
     EXPECT_TRUE(Json::parse(bad.out).contains("error"));
 }
 
+TEST(ToolGetprop, TakesPublishedNamesAndRefusesWhatIsNoRequest) {
+    TestHome home;
+    const ToolRun byName = runTool({"getprop", samplePath(), "pr_sender_email_address"}, home.path());
+    EXPECT_EQ(byName.status, 0);
+    EXPECT_EQ(byName.out, "properties:\nc1f001e = reports@example.com\n");
+    for (const char* bad : {"PR_NO_SUCH_NAME", "#3", "123456789", "#g/1"}) {
+        const ToolRun run = runTool({"getprop", samplePath(), bad}, home.path());
+        EXPECT_EQ(run.status, 2) << bad;
+        EXPECT_NE(run.err.find("is neither GET-ALL"), std::string::npos) << run.err;
+    }
+}
+
 // Over the corpus, every value getprop reads for the message and its attachments, props
 // reads alike: two walkers of the stream that share nothing but the file.
 TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -15,6 +17,7 @@
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/tnef.h"
+#include "tnef/tnef_reader.h"
 #include "tool.h"
 
 namespace {
@@ -24,9 +27,10 @@ constexpr const char* kGetpropHelp =
     "\n"
     "Reads MAPI properties of a TNEF file as property text. REQUEST is GET-ALL (the\n"
     "default: every message property, with the attachment and recipient tables), a\n"
-    "property tag in hexadecimal (37001e) or #TYPE/ID for a named property with a numeric\n"
-    "name (#3/8205). Texts are printed one entry per line (\"id = value | value\", bytes\n"
-    "outside printable ASCII as \\xNN) unless written byte for byte to a file:\n"
+    "property tag in hexadecimal (37001e) or by its published name (PR_SUBJECT), or\n"
+    "#TYPE/ID for a named property with a numeric name (#3/8205). Texts are printed one\n"
+    "entry per line (\"id = value | value\", bytes outside printable ASCII as \\xNN)\n"
+    "unless written byte for byte to a file:\n"
     "\n"
     "  -o F              the message properties\n"
     "  --attach-out F    the attachment table\n"
@@ -143,6 +147,29 @@ bool writeBlobFile(const std::string& out, const std::string& saved, const BlobI
     return false;
 }
 
+bool isHex(std::string_view text, size_t most) {
+    if (text.empty() || text.size() > most) return false;
+    for (char c : text)
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+// The request as the library takes it: GET-ALL, a hexadecimal tag or #TYPE/ID as they
+// stand, a published name (PR_SUBJECT) as its tag. Empty when it is none of them.
+std::string libraryRequest(const std::string& request) {
+    if (request == "GET-ALL" || isHex(request, 8)) return request;
+    const size_t slash = request.find('/');
+    if (request.size() > 1 && request[0] == '#' && slash != std::string::npos &&
+        isHex(std::string_view(request).substr(1, slash - 1), 4) &&
+        isHex(std::string_view(request).substr(slash + 1), 4))
+        return request;
+    const uint32_t tag = tnef_PropTagByName(request);
+    if (tag == 0) return {};
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "%x", tag);
+    return hex;
+}
+
 }  // namespace
 
 int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
@@ -155,6 +182,11 @@ int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
         return usageError("getprop", "FILE [REQUEST] wanted");
     const std::string& path = p.operands[0];
     const std::string request = p.operands.size() > 1 ? p.operands[1] : "GET-ALL";
+    const std::string asked = libraryRequest(request);
+    if (asked.empty())
+        return usageError("getprop", "request '" + request +
+                                         "' is neither GET-ALL, a hexadecimal tag, #TYPE/ID nor "
+                                         "a published property name");
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
     if (!checkTnefSignature(fd, path)) {
@@ -169,8 +201,8 @@ int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
         char* recips = nullptr;
         char* attach = nullptr;
         // The tables come with GET-ALL, or when a file was named for them.
-        const bool all = request == "GET-ALL";
-        found = tnef_GetProp(fd, request.c_str(), &props,
+        const bool all = asked == "GET-ALL";
+        found = tnef_GetProp(fd, asked.c_str(), &props,
                              all || p.has("--recips-out") ? &recips : nullptr,
                              all || p.has("--attach-out") ? &attach : nullptr, path.c_str());
         t.props.reset(props);
