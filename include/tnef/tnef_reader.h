@@ -152,7 +152,7 @@ struct TnefProp {
     uint32_t lid = 0;
     std::string name;         // the string name in UTF-8
     uint32_t count = 1;       // values announced (1 for types without a count)
-    uint64_t offset = 0;      // file offset of the first value (or of the count)
+    uint64_t offset = 0;      // file offset of the first value
 };
 
 struct TnefValue {

@@ -78,6 +78,23 @@ TEST(ToolGetprop, TakesPublishedNamesAndRefusesWhatIsNoRequest) {
     }
 }
 
+// One byte altered inside a record's data: its checksum no longer holds. A forensic reader
+// wants to hear of it; the listing still gives everything.
+TEST(ToolList, WarnsOfABadChecksumAndGoesOn) {
+    TestHome home;
+    std::string bytes = readFileBytes(samplePath());
+    const size_t at = bytes.find("Quarterly report");
+    ASSERT_NE(at, std::string::npos);
+    bytes[at] = 'q';
+    home.write("altered.dat", bytes);
+    const ToolRun run = runTool({"list", home.file("altered.dat")}, home.path());
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.err.find("warning: a record's checksum is wrong"), std::string::npos) << run.err;
+    EXPECT_EQ(lineCount(run.out), 2u);
+    const Json j = Json::parse(runTool({"--json", "list", home.file("altered.dat")}, home.path()).out);
+    EXPECT_EQ(j["files"][0]["warnings"][0], "a record's checksum is wrong");
+}
+
 // Over the corpus, every value getprop reads for the message and its attachments, props
 // reads alike: two walkers of the stream that share nothing but the file.
 TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {

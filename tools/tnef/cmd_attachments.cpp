@@ -103,6 +103,8 @@ std::string typeOf(const TnefAttachInfo& a) {
 std::vector<std::string> warningsOf(const TnefAttachList& list) {
     std::vector<std::string> w;
     if (list.flags & TNEF_LIST_TRUNCATED) w.push_back("the stream ends inside a record");
+    if (list.flags & TNEF_LIST_NO_RECORDS) w.push_back("the file holds no record");
+    if (list.flags & TNEF_LIST_BAD_CHECKSUM) w.push_back("a record's checksum is wrong");
     if (list.flags & TNEF_LIST_BAD_PROPS)
         w.push_back("an attachment's properties could not be read to the end");
     if (list.flags & TNEF_LIST_TOO_MANY)
