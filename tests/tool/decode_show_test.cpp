@@ -77,7 +77,7 @@ TEST(ToolShow, ShowsTheStoredMessageAndItsTexts) {
     EXPECT_EQ(r.out.rfind("message " + id + "\n", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("30500 g6 part type=0"), std::string::npos);
     EXPECT_NE(r.out.find("main property text"), std::string::npos);
-    EXPECT_NE(r.out.find("1000001e = Hello,\\x0d\\x0a\\x0d\\x0athe report"), std::string::npos)
+    EXPECT_NE(r.out.find("1000001e PR_BODY = Hello,\\x0d\\x0a\\x0d\\x0athe report"), std::string::npos)
         << r.out;
 
     const std::string raw = home.file("raw");

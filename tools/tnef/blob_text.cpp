@@ -1,8 +1,10 @@
 #include "blob_text.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "json_writer.h"
+#include "tnef/tnef_reader.h"
 #include "tool.h"
 
 namespace {
@@ -51,10 +53,31 @@ std::string readableValue(const BlobEntry& e, const std::string& value) {
     return text;
 }
 
-std::string entryLine(const BlobEntry& e) {
-    std::string line = readableBytes(e.id) + " =";
-    for (size_t i = 0; i < e.values.size(); ++i)
+// The published name an entry's id or set value stands for, or empty.
+std::string publishedName(const BlobEntry& e, const std::string& value) {
+    if (e.id == "GUID" && value.size() == 16) {
+        TnefGuid set;
+        std::memcpy(set.data(), value.data(), set.size());
+        const char* name = tnef_PropSetName(set);
+        return name != nullptr ? name : "";
+    }
+    if (e.id.empty() || e.id.size() > 8 ||
+        e.id.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        return "";
+    const char* name = tnef_PropName(static_cast<uint32_t>(std::stoul(e.id, nullptr, 16)));
+    return name != nullptr ? name : "";
+}
+
+std::string entryLine(const BlobEntry& e, bool named) {
+    std::string line = readableBytes(e.id);
+    const std::string idName = named && e.id != "GUID" ? publishedName(e, "") : "";
+    if (!idName.empty()) line += " " + idName;
+    line += " =";
+    for (size_t i = 0; i < e.values.size(); ++i) {
         line += (i == 0 ? " " : " | ") + readableValue(e, e.values[i]);
+        const std::string setName = named && e.id == "GUID" ? publishedName(e, e.values[i]) : "";
+        if (!setName.empty()) line += " " + setName;
+    }
     return line;
 }
 
@@ -87,12 +110,12 @@ std::vector<BlobRow> parseBlobText(std::string_view text) {
     return rows;
 }
 
-std::string renderBlobText(std::string_view text, bool table) {
+std::string renderBlobText(std::string_view text, bool table, bool named) {
     std::string out;
     const std::vector<BlobRow> rows = parseBlobText(text);
     for (size_t r = 0; r < rows.size(); ++r) {
         if (table) out += "row " + std::to_string(r + 1) + ":\n";
-        for (const BlobEntry& e : rows[r]) out += (table ? "  " : "") + entryLine(e) + '\n';
+        for (const BlobEntry& e : rows[r]) out += (table ? "  " : "") + entryLine(e, named) + '\n';
     }
     return out;
 }

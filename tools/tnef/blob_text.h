@@ -20,8 +20,9 @@ using BlobRow = std::vector<BlobEntry>;
 std::vector<BlobRow> parseBlobText(std::string_view text);
 
 // One line per entry, "id = value | value"; a table (table = true) puts "row N:" before
-// each row's entries, which are indented.
-std::string renderBlobText(std::string_view text, bool table);
+// each row's entries, which are indented. named adds the published name of a tag and of a
+// property set after it ("1000001e PR_BODY = ...", "GUID = {...} PSETID_Common").
+std::string renderBlobText(std::string_view text, bool table, bool named = false);
 
 // The text as JSON: an array of entries {"id","values":[...]}, or for a table an array of
 // such arrays; ids and values as readableBytes gives them.

@@ -95,7 +95,7 @@ std::string renderShown(const Shown& s, bool withTexts) {
     std::string out = s.dump;
     if (withTexts)
         for (const StoredText& t : s.texts)
-            out += "\n" + textTitle(t) + renderBlobText(t.text, false);
+            out += "\n" + textTitle(t) + renderBlobText(t.text, false, true);
     for (const std::string& path : s.written) out += "wrote " + path + "\n";
     return out;
 }
