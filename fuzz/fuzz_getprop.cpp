@@ -7,9 +7,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchHome home;
     fuzzsupport::DescriptorCheck descriptors;
-    const std::string path = home.file("input.tnef");
-    fuzzsupport::writeFile(path, data, size);
-    const int fd = fuzzsupport::openInput(path);
+    const int fd = fuzzsupport::inputFd(home, data, size);
     for (const char* request : {"GET-ALL", "37010102", "#3/8205"}) {
         char* props = nullptr;
         char* recips = nullptr;

@@ -5,9 +5,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchHome home;
     fuzzsupport::DescriptorCheck descriptors;
-    const std::string path = home.file("input.tnef");
-    fuzzsupport::writeFile(path, data, size);
-    const int in = fuzzsupport::openInput(path);
+    const int in = fuzzsupport::inputFd(home, data, size);
     const int out = fuzzsupport::openScratch(home.file("out.tnef"));
     try {
         tnef_SetOemCodePage(out, in);

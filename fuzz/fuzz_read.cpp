@@ -40,9 +40,7 @@ void walk(TnefRecordCursor& rc, uint64_t size) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchHome home;
     fuzzsupport::DescriptorCheck descriptors;
-    const std::string path = home.file("input.tnef");
-    fuzzsupport::writeFile(path, data, size);
-    const int fd = fuzzsupport::openInput(path);
+    const int fd = fuzzsupport::inputFd(home, data, size);
     try {
         TnefMessageView view;
         tnef_ReadMessage(fd, &view);

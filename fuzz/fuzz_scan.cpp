@@ -5,9 +5,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchHome home;
     fuzzsupport::DescriptorCheck descriptors;
-    const std::string path = home.file("input.tnef");
-    fuzzsupport::writeFile(path, data, size);
-    const int fd = fuzzsupport::openInput(path);
+    const int fd = fuzzsupport::inputFd(home, data, size);
     TnefAttachScan* list = nullptr;
     try {
         tnef_ScanTnef(fd, 0x3701000D, &list);

@@ -59,6 +59,13 @@ inline int openInput(const std::string& path) {
     return fd;
 }
 
+// The input as a file of the home, open for reading: what the reading entries take.
+inline int inputFd(const ScratchHome& home, const uint8_t* data, size_t size) {
+    const std::string path = home.file("input.tnef");
+    writeFile(path, data, size);
+    return openInput(path);
+}
+
 inline int openDescriptors() {
     int n = 0;
     if (DIR* dir = ::opendir("/proc/self/fd")) {
