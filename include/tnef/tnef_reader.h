@@ -228,6 +228,9 @@ struct TnefMessageView {
     uint32_t flags = 0;      // TNEF_READ_ bits of this stream and all it holds
     std::string subject;     // attSubject, else PR_SUBJECT, else PR_CONVERSATION_TOPIC
     std::string messageClass;
+    uint64_t attBodyOffset = 0;  // attBody's data in the file, when the stream has one
+    uint64_t attBodyLength = 0;
+    bool hasAttBody = false;
     std::vector<TnefPropEntry> properties;               // attMAPIProps
     std::vector<std::vector<TnefPropEntry>> recipients;  // attRecipTable rows
     std::vector<TnefAttachInfo> attachments;             // this stream's own attachments

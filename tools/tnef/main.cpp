@@ -26,6 +26,8 @@ constexpr const char* kUsage =
     "  decode FILE         decode a TNEF file into a new message of the store\n"
     "  show MESSAGE        the records, parts and stored objects of a stored message\n"
     "  props FILE          every MAPI property of a TNEF file, readable\n"
+    "  body FILE           the message's body: HTML, text or RTF\n"
+    "  rtf FILE            RTF out of a compressed RTF value, and what it encapsulates\n"
     "  getprop FILE [REQ]  MAPI properties of a TNEF file as property text\n"
     "  writeblob -o OUT    a TNEF file from property texts\n"
     "  scan FILE           walk a TNEF file attribute by attribute\n"
@@ -49,6 +51,7 @@ constexpr Command kCommands[] = {
     {"list", cmdList}, {"extract", cmdExtract}, {"decode", cmdDecode},
     {"show", cmdShow}, {"getprop", cmdGetprop}, {"writeblob", cmdWriteblob},
     {"scan", cmdScan}, {"encode", cmdEncode}, {"props", cmdProps},
+    {"body", cmdBody},     {"rtf", cmdRtf},
 };
 
 const Command* findCommand(const std::string& name) {

@@ -103,3 +103,5 @@ int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdScan(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args);

@@ -135,6 +135,7 @@ inline constexpr const char* TNEF_UNIT_ENCODE = "src/lib/tnef/tnef_encode";
 inline constexpr const char* TNEF_UNIT_PROP = "src/lib/tnef/tnef_prop";
 inline constexpr const char* TNEF_UNIT_SCAN = "src/lib/tnef/tnef_scan";
 inline constexpr const char* TNEF_UNIT_READ = "src/lib/tnef/tnef_read";
+inline constexpr const char* TNEF_UNIT_BODY = "src/lib/tnef/tnef_body";
 
 // Trace classes.
 inline constexpr int TNEF_TRACE_CLASS = 15;

@@ -112,6 +112,11 @@ void takeRecord(ViewWalk& walk, const TnefRecordCursor& rc, const TnefRecord& r,
     if (r.id == attSubject) view->subject = recordText(rc, r);
     else if (r.id == attMessageClass) view->messageClass = recordText(rc, r);
     else if (r.id == attRecipTable) readRows(walk, rc, r, view);
+    else if (r.id == attBody) {
+        view->hasAttBody = true;
+        view->attBodyOffset = r.offset;
+        view->attBodyLength = r.available;
+    }
     else if (r.id == attMAPIProps) {
         std::vector<TnefPropEntry> more = readRecordEntries(walk, rc, r);
         if (view->properties.empty())

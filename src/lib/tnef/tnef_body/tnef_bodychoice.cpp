@@ -1,0 +1,143 @@
+// Which body a message has, and in which character set: the HTML and text the client wrote,
+// else what its compressed RTF holds.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+
+#include "tnef/tnef_body.h"
+#include "tnef_defs.h"
+#include "tnef_read/tnef_readtext.h"
+
+namespace {
+
+constexpr uint32_t PR_BODY_A = 0x1000001E;
+constexpr uint32_t PR_BODY_HTML_A = 0x1013001E;
+constexpr uint32_t PR_HTML = 0x10130102;
+constexpr uint32_t PR_INTERNET_CPID = 0x3FDE0003;
+constexpr uint32_t kUtf16CodePage = 1200;
+
+std::string bytesAt(int fd, uint64_t offset, uint64_t length) {
+    std::string out(static_cast<size_t>(length), '\0');
+    size_t done = 0;
+    while (done < out.size()) {
+        const ssize_t got = ::pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
+        if (got <= 0) break;
+        done += static_cast<size_t>(got);
+    }
+    out.resize(done);
+    return out;
+}
+
+// The charset an HTML document names in its head (<meta charset=...> or content="...;
+// charset=..."), as a code page; 0 when it names none this reader knows.
+uint32_t metaCodePage(std::string_view html) {
+    std::string head(html.substr(0, 4096));
+    std::transform(head.begin(), head.end(), head.begin(), [](unsigned char c) { return std::tolower(c); });
+    const size_t at = head.find("charset=");
+    if (at == std::string::npos) return 0;
+    size_t from = at + 8;
+    while (from < head.size() && (head[from] == '"' || head[from] == '\'')) ++from;
+    std::string name;
+    while (from < head.size() && (std::isalnum(static_cast<unsigned char>(head[from])) || head[from] == '-' || head[from] == '_'))
+        name += head[from++];
+    static constexpr struct { const char* name; uint32_t codePage; } kNames[] = {
+        {"utf-8", 65001}, {"us-ascii", 20127}, {"iso-8859-1", 28591}, {"iso-8859-2", 28592},
+        {"iso-8859-5", 28595}, {"iso-8859-15", 28605}, {"koi8-r", 20866}, {"koi8-u", 21866},
+        {"shift_jis", 932}, {"gb2312", 936}, {"gbk", 936}, {"big5", 950}, {"euc-kr", 949},
+        {"windows-1250", 1250}, {"windows-1251", 1251}, {"windows-1252", 1252},
+        {"windows-1253", 1253}, {"windows-1254", 1254}, {"windows-1255", 1255},
+        {"windows-1256", 1256}, {"windows-1257", 1257}};
+    for (const auto& n : kNames)
+        if (name == n.name) return n.codePage;
+    return 0;
+}
+
+uint32_t internetCodePage(const TnefMessageView& v) {
+    const TnefPropEntry* e = tnef_FindProp(v.properties, PR_INTERNET_CPID);
+    return e != nullptr && !e->values.empty() ? static_cast<uint32_t>(e->values[0].integer) : 0;
+}
+
+// An 8-bit or Unicode text value (or a binary holding 8-bit text) as UTF-8.
+std::string textOf(int fd, const TnefMessageView& v, const TnefPropEntry& e, bool html) {
+    const TnefValue& value = e.values.at(0);
+    if ((e.prop.type & 0x0FFF) == PT_UNICODE) return e.texts.at(0);
+    std::string raw = bytesAt(fd, value.offset, value.length);
+    uint32_t cp = internetCodePage(v);
+    if (cp == 0 && html) cp = metaCodePage(raw);
+    if (cp == 0) cp = v.codePage;
+    if (cp == kUtf16CodePage) return tnef_TextFromUtf16(raw);
+    return tnef_TextFrom8Bit(raw, cp);
+}
+
+const TnefPropEntry* firstValued(const TnefMessageView& v, uint32_t tag) {
+    const TnefPropEntry* e = tnef_FindProp(v.properties, tag);
+    return e != nullptr && !e->values.empty() ? e : nullptr;
+}
+
+void appendTo(void* context, const char* bytes, size_t n) {
+    static_cast<std::string*>(context)->append(bytes, n);
+}
+
+// The RTF of PR_RTF_COMPRESSED; empty when there is none.
+std::string rtfOf(int fd, const TnefMessageView& v, uint32_t* flags) {
+    const TnefPropEntry* e = firstValued(v, PR_RTF_COMPRESSED);
+    std::string rtf;
+    if (e == nullptr) return rtf;
+    const TnefValue& value = e->values[0];
+    if (tnef_DecompressRtfFile(fd, value.offset, value.length, TnefByteSink{appendTo, &rtf}, flags) != TNEF_RTF_OK)
+        rtf.clear();
+    return rtf;
+}
+
+TnefBody htmlBody(int fd, const TnefMessageView& v) {
+    TnefBody b;
+    const TnefPropEntry* e = firstValued(v, PR_BODY_HTML_A);
+    if (e == nullptr) e = firstValued(v, PR_HTML);
+    if (e != nullptr) return {TNEF_BODY_HTML, textOf(fd, v, *e, true), "PR_BODY_HTML", 0};
+    const std::string rtf = rtfOf(fd, v, &b.rtfFlags);
+    const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
+    if (!rtf.empty() && d.encapsulated && d.kind == TNEF_BODY_HTML) {
+        b.kind = TNEF_BODY_HTML;
+        b.text = d.text;
+        b.source = "PR_RTF_COMPRESSED";
+    }
+    return b;
+}
+
+TnefBody textBody(int fd, const TnefMessageView& v) {
+    if (const TnefPropEntry* e = firstValued(v, PR_BODY_A))
+        return {TNEF_BODY_TEXT, textOf(fd, v, *e, false), "PR_BODY", 0};
+    if (v.hasAttBody)
+        return {TNEF_BODY_TEXT, tnef_TextFrom8Bit(bytesAt(fd, v.attBodyOffset, v.attBodyLength), v.codePage),
+                "attBody", 0};
+    TnefBody b;
+    const std::string rtf = rtfOf(fd, v, &b.rtfFlags);
+    const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
+    if (!rtf.empty() && d.kind == TNEF_BODY_TEXT) {
+        b.kind = TNEF_BODY_TEXT;
+        b.text = d.text;
+        b.source = "PR_RTF_COMPRESSED";
+    }
+    return b;
+}
+
+}  // namespace
+
+TnefBody tnef_MessageBody(int fd, const TnefMessageView& v, TnefBodyKind want) {
+    if (want == TNEF_BODY_RTF) {
+        TnefBody b;
+        b.text = rtfOf(fd, v, &b.rtfFlags);
+        if (firstValued(v, PR_RTF_COMPRESSED) != nullptr) {
+            b.kind = TNEF_BODY_RTF;
+            b.source = "PR_RTF_COMPRESSED";
+        }
+        return b;
+    }
+    if (want == TNEF_BODY_HTML) return htmlBody(fd, v);
+    if (want == TNEF_BODY_TEXT) return textBody(fd, v);
+    TnefBody best = htmlBody(fd, v);
+    return best.kind != TNEF_BODY_NONE ? best : textBody(fd, v);
+}

@@ -1,0 +1,170 @@
+// body and rtf: a message's body as people read it (its HTML or text, or the RTF it carries
+// compressed), and the RTF of a file that holds a compressed RTF value or RTF itself.
+
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+#include "tnef/platform/er_escape.h"
+#include "tnef/tnef_body.h"
+#include "tool.h"
+
+namespace {
+
+constexpr const char* kBodyHelp =
+    "usage: tnef body FILE [--format best|html|text|rtf] [-o OUT]\n"
+    "\n"
+    "Writes the message's body: best (the default) is its HTML when it has any, else its\n"
+    "text; html, text and rtf ask for that kind. HTML and text are UTF-8; HTML encapsulated\n"
+    "in the compressed RTF is given back as the client wrote it. Exit status 1 when the\n"
+    "message has no body of that kind.\n"
+    "\n"
+    "With --json: {\"file\",\"kind\",\"source\",\"bytes\",\"output\",\"warnings\"}; the body goes to OUT\n"
+    "(required with --json).\n";
+
+constexpr const char* kRtfHelp =
+    "usage: tnef rtf FILE [--format rtf|html|text] [-o OUT]\n"
+    "\n"
+    "Reads a file that holds a compressed RTF value (PR_RTF_COMPRESSED, LZFu or MELA) or RTF\n"
+    "itself, and writes the RTF, or the HTML or text encapsulated in it (else its plain text).\n"
+    "\n"
+    "With --json: {\"file\",\"kind\",\"encapsulated\",\"bytes\",\"output\",\"warnings\"}.\n";
+
+struct Damage {
+    uint32_t flag;
+    const char* text;
+};
+constexpr Damage kRtfDamage[] = {
+    {TNEF_RTF_BAD_CRC, "the compressed RTF's checksum is wrong"},
+    {TNEF_RTF_CUT, "the compressed RTF is cut short"},
+    {TNEF_RTF_SIZE_DIFFERS, "the RTF's size differs from the size its header gives"},
+    {TNEF_RTF_TOO_LONG, "the RTF is longer than the reader's limit; the rest is left out"},
+};
+
+std::vector<std::string> rtfWarnings(uint32_t flags) {
+    std::vector<std::string> out;
+    for (const Damage& d : kRtfDamage)
+        if (flags & d.flag) out.emplace_back(d.text);
+    return out;
+}
+
+bool kindOf(const std::string& format, TnefBodyKind* kind) {
+    static constexpr struct { const char* name; TnefBodyKind kind; } kFormats[] = {
+        {"best", TNEF_BODY_NONE}, {"html", TNEF_BODY_HTML}, {"text", TNEF_BODY_TEXT}, {"rtf", TNEF_BODY_RTF}};
+    for (const auto& f : kFormats)
+        if (format == f.name) {
+            *kind = f.kind;
+            return true;
+        }
+    return false;
+}
+
+const char* kindName(TnefBodyKind kind) {
+    switch (kind) {
+        case TNEF_BODY_HTML: return "html";
+        case TNEF_BODY_TEXT: return "text";
+        case TNEF_BODY_RTF: return "rtf";
+        default: return "none";
+    }
+}
+
+// The body to OUT or stdout, and the report; the exit status.
+int deliver(const GlobalOptions& g, const ParsedArgs& p, const std::string& file, const std::string& bytes,
+            nlohmann::json report, const std::vector<std::string>& warnings) {
+    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    const bool toFile = p.has("-o");
+    if (toFile && !writeWholeFile(p.get("-o"), bytes)) return kExitError;
+    if (!g.json) return toFile || writeOut(bytes) ? kExitOk : kExitError;
+    report["bytes"] = bytes.size();
+    report["output"] = toFile ? nlohmann::json(p.get("-o")) : nlohmann::json();
+    report["warnings"] = warnings;
+    return writeOut(report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n") ? kExitOk
+                                                                                                  : kExitError;
+}
+
+bool parse(const char* command, const char* help, const std::vector<std::string>& args, ParsedArgs* p, int* status) {
+    if (!parseArgs(command, args, {{"--format", true}, {"-o", true}}, p)) {
+        *status = kExitError;
+        return false;
+    }
+    if (p->help) {
+        *status = printHelp(help);
+        return false;
+    }
+    if (p->operands.size() != 1) {
+        *status = usageError(command, "one FILE is needed");
+        return false;
+    }
+    return true;
+}
+
+int failed(const GlobalOptions& g, const std::string& file, const Escape& e) {
+    if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
+    reportEscape(file, e);
+    return kExitError;
+}
+
+}  // namespace
+
+int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args) {
+    ParsedArgs p;
+    int status = kExitOk;
+    if (!parse("body", kBodyHelp, args, &p, &status)) return status;
+    TnefBodyKind want = TNEF_BODY_NONE;
+    if (!kindOf(p.get("--format", "best"), &want)) return usageError("body", "--format is best, html, text or rtf");
+    if (g.json && !p.has("-o")) return usageError("body", "--json needs -o OUT for the body");
+    const std::string& file = p.operands[0];
+    const int fd = openInput(file);
+    if (fd < 0) return kExitError;
+    try {
+        TnefMessageView view;
+        tnef_ReadMessage(fd, &view);
+        const TnefBody body = tnef_MessageBody(fd, view, want);
+        ::close(fd);
+        if (body.kind == TNEF_BODY_NONE) {
+            if (g.json) writeOut(nlohmann::json({{"file", file}, {"kind", "none"}}).dump() + "\n");
+            return kExitNotFound;
+        }
+        return deliver(g, p, file, body.text,
+                       {{"file", file}, {"kind", kindName(body.kind)}, {"source", body.source}},
+                       rtfWarnings(body.rtfFlags));
+    } catch (const Escape& e) {
+        ::close(fd);
+        return failed(g, file, e);
+    }
+}
+
+int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args) {
+    ParsedArgs p;
+    int status = kExitOk;
+    if (!parse("rtf", kRtfHelp, args, &p, &status)) return status;
+    const std::string format = p.get("--format", "rtf");
+    if (format != "rtf" && format != "html" && format != "text")
+        return usageError("rtf", "--format is rtf, html or text");
+    const std::string& file = p.operands[0];
+    std::string bytes;
+    if (!readWholeFile(file, &bytes)) return kExitError;
+    uint32_t flags = 0;
+    std::string rtf = bytes;
+    if (bytes.rfind("{\\rtf", 0) != 0) {
+        const TnefRtfStatus s = tnef_DecompressRtf(bytes.data(), bytes.size(), &rtf, &flags);
+        if (s != TNEF_RTF_OK) {
+            reportError(file, s == TNEF_RTF_TOO_SHORT ? "too short for a compressed RTF header"
+                                                      : "neither RTF nor compressed RTF (LZFu or MELA)");
+            if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", "not compressed RTF"}}).dump() + "\n");
+            return kExitError;
+        }
+    }
+    nlohmann::json report = {{"file", file}, {"kind", format}};
+    if (format == "rtf") return deliver(g, p, file, rtf, report, rtfWarnings(flags));
+    const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
+    if (format == "html" && d.kind != TNEF_BODY_HTML) {
+        reportError(file, "the RTF encapsulates no HTML");
+        return kExitNotFound;
+    }
+    report["encapsulated"] = d.encapsulated;
+    return deliver(g, p, file, d.text, report, rtfWarnings(flags));
+}
