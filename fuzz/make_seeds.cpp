@@ -22,6 +22,7 @@
 #include "tnef/platform/os_file.h"
 #include "tnef/platform/tf_msgfile.h"
 #include "tnef/tnef.h"
+#include "tnef/tnef_body.h"
 
 namespace fs = std::filesystem;
 using namespace tnefbuild;
@@ -135,9 +136,18 @@ int main(int argc, char** argv) {
     const std::string home = ::mkdtemp(pattern);
     os_SetHome(home);
     for (const auto& [name, bytes] : builderStreams()) seedsFrom(out, name, bytes, home);
+    const std::string html =
+        "{\\rtf1\\ansi\\ansicpg1251\\fromhtml1{\\fonttbl{\\f0\\fcharset204 A;}}{\\*\\htmltag <b>}"
+        "\\htmlrtf x\\htmlrtf0 \\'c0\\u8364?\\~{\\*\\mhtmltag y}\\par}";
+    put(out, "body", "lzfu-html", tnef_CompressRtf(html));
+    put(out, "body", "rtf-html", html);
     if (argc > 2) {
         for (const auto& entry : fs::directory_iterator(argv[2]))
             seedsFrom(out, entry.path().filename().string(), readFileBytes(entry.path().string()), home);
+        const fs::path content = fs::path(argv[2]) / ".." / "content" / "files";
+        std::error_code ec;
+        for (const auto& entry : fs::directory_iterator(content, ec))
+            put(out, "body", entry.path().filename().string(), readFileBytes(entry.path().string()));
     }
     fs::remove_all(home);
     return 0;
