@@ -86,6 +86,10 @@ struct Reader {
     std::array<uint32_t, 4096> fontCodePage{};  // by font number, 0: the document's
     int32_t definingFont = -1;
     std::string out;
+    // UTF-8 of each byte 0x80 to 0xFF of the single-byte code page last used, made with one
+    // conversion rather than one per byte.
+    uint32_t tableCodePage = 0;
+    std::array<std::string, 128> table;
     std::string pending;       // \'hh bytes not yet converted (a double-byte pair may follow)
     uint32_t pendingCodePage = 0;
     uint32_t highSurrogate = 0;
@@ -110,6 +114,18 @@ struct Reader {
         out += tnef_TextFrom8Bit(pending, pendingCodePage);
         pending.clear();
     }
+    void makeTable(uint32_t cp) {
+        std::string bytes;
+        for (int b = 0x80; b <= 0xFF; ++b) (bytes += static_cast<char>(b)) += '\x01';
+        const std::string utf8 = tnef_TextFrom8Bit(bytes, cp);
+        size_t from = 0;
+        for (size_t i = 0; i < table.size(); ++i) {
+            const size_t end = utf8.find('\x01', from);
+            table[i] = utf8.substr(from, end == std::string::npos ? std::string::npos : end - from);
+            from = end == std::string::npos ? utf8.size() : end + 1;
+        }
+        tableCodePage = cp;
+    }
     void text(char c) {
         if (skipFallback > 0) {
             --skipFallback;
@@ -130,8 +146,19 @@ struct Reader {
             nbsp();
             return;
         }
-        if (!pending.empty() && pendingCodePage != codePage()) flushPending();
-        pendingCodePage = codePage();
+        const uint32_t cp = codePage();
+        if (!isDoubleByte(cp)) {
+            flushPending();
+            if (b < 0x80) {
+                out += static_cast<char>(b);
+                return;
+            }
+            if (tableCodePage != cp) makeTable(cp);
+            out += table[b - 0x80];
+            return;
+        }
+        if (!pending.empty() && pendingCodePage != cp) flushPending();
+        pendingCodePage = cp;
         pending += static_cast<char>(b);
     }
     void nbsp() {
@@ -253,6 +280,17 @@ void Reader::run() {
         if (c == '\r' || c == '\n') continue;  // line ends of the RTF itself are not text
         if (c != '\\') {
             if (state().dest == Dest::Font && c == ';') definingFont = -1;
+            if (skipFallback == 0 && emitting()) {
+                // A run of plain characters goes out in one piece.
+                size_t end = pos;
+                while (end < rtf.size() && rtf[end] != '\\' && rtf[end] != '{' && rtf[end] != '}' &&
+                       rtf[end] != '\r' && rtf[end] != '\n')
+                    ++end;
+                flushPending();
+                out.append(rtf.data() + pos - 1, end - pos + 1);
+                pos = end;
+                continue;
+            }
             text(c);
             continue;
         }

@@ -81,22 +81,29 @@ struct RtfInput {
     }
 };
 
-// The decompressed bytes, handed to the sink a piece at a time.
+// The decompressed bytes, handed to the sink a piece at a time. A piece never holds more
+// than the output limit leaves room for, so put() checks one bound per byte.
 struct RtfOutput {
     TnefByteSink sink;
-    std::vector<char> piece;
-    uint64_t total = 0;
+    std::vector<char> piece = std::vector<char>(kPiece);
+    size_t used = 0;
+    size_t room = kPiece;  // bytes this piece may take
+    uint64_t total = 0;    // bytes handed on before the piece
 
+    uint64_t size() const { return total + used; }
     bool put(char c) {
-        if (total == TNEF_RTF_OUTPUT_LIMIT) return false;
-        piece.push_back(c);
-        ++total;
-        if (piece.size() == kPiece) flush();
+        if (used == room) {
+            flush();
+            if (room == 0) return false;
+        }
+        piece[used++] = c;
         return true;
     }
     void flush() {
-        if (!piece.empty()) sink.write(sink.context, piece.data(), piece.size());
-        piece.clear();
+        if (used != 0) sink.write(sink.context, piece.data(), used);
+        total += used;
+        used = 0;
+        room = static_cast<size_t>(std::min<uint64_t>(kPiece, TNEF_RTF_OUTPUT_LIMIT - total));
     }
 };
 
@@ -109,7 +116,7 @@ uint32_t inflate(RtfInput& in, RtfOutput& out) {
     size_t write = kPrimerSize;
     const auto emit = [&](char c) {
         dict[write] = c;
-        write = (write + 1) % kDictionarySize;
+        write = (write + 1) & (kDictionarySize - 1);
         return out.put(c);
     };
     for (;;) {
@@ -125,7 +132,7 @@ uint32_t inflate(RtfInput& in, RtfOutput& out) {
             if (!in.next(hi) || !in.next(lo)) return TNEF_RTF_CUT;
             size_t from = (static_cast<size_t>(hi) << 4) | (lo >> 4);
             if (from == write) return 0;
-            for (size_t n = (lo & 0xF) + 2u; n > 0; --n, from = (from + 1) % kDictionarySize)
+            for (size_t n = (lo & 0xF) + 2u; n > 0; --n, from = (from + 1) & (kDictionarySize - 1))
                 if (!emit(dict[from])) return TNEF_RTF_TOO_LONG;
         }
     }
@@ -155,15 +162,15 @@ TnefRtfStatus decompress(RtfInput& in, const uint8_t* header, uint64_t length, T
     const uint64_t data = length - kHeaderSize;
     in.left = compSize < 12 ? 0 : std::min<uint64_t>(compSize - 12u, data);
     if (compSize < 12 || compSize - 12u > data) *flags |= TNEF_RTF_CUT;
-    RtfOutput out{sink, {}, 0};
-    out.piece.reserve(kPiece);
+    RtfOutput out;
+    out.sink = sink;
     *flags |= form == kLzfu ? inflate(in, out) : copyStored(in, out, rawSize);
     out.flush();
     uint8_t rest = 0;
     while (in.next(rest)) {  // the CRC covers the whole data, end marker and tail alike
     }
     if (in.crc != crc && (form == kLzfu || crc != 0)) *flags |= TNEF_RTF_BAD_CRC;
-    if (out.total != rawSize) *flags |= TNEF_RTF_SIZE_DIFFERS;
+    if (out.size() != rawSize) *flags |= TNEF_RTF_SIZE_DIFFERS;
     return TNEF_RTF_OK;
 }
 
