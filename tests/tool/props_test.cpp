@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "support/test_home.h"
+#include "tnef/tnef_body.h"
 #include "tool_run.h"
 
 namespace {
@@ -93,6 +94,24 @@ TEST(ToolList, WarnsOfABadChecksumAndGoesOn) {
     EXPECT_EQ(lineCount(run.out), 2u);
     const Json j = Json::parse(runTool({"--json", "list", home.file("altered.dat")}, home.path()).out);
     EXPECT_EQ(j["files"][0]["warnings"][0], "a record's checksum is wrong");
+}
+
+TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
+    TestHome home;
+    const ToolRun body = runTool({"body", samplePath()}, home.path());
+    EXPECT_EQ(body.status, 0);
+    EXPECT_EQ(body.out, "Hello,\r\n\r\nthe report and the chart are attached.\r\n");
+    EXPECT_EQ(runTool({"body", samplePath(), "--format", "html"}, home.path()).status, 1);
+    const ToolRun extract = runTool({"extract", "--body", samplePath(), "-C", home.file("out")}, home.path());
+    EXPECT_EQ(extract.status, 0) << extract.err;
+    EXPECT_EQ(readFileBytes(home.file("out/message.txt")), body.out);
+
+    home.write("value.bin", tnef_CompressRtf("{\\rtf1\\ansi\\fromtext caf\\'e9\\par}"));
+    const ToolRun rtf = runTool({"rtf", home.file("value.bin"), "--format", "text"}, home.path());
+    EXPECT_EQ(rtf.status, 0) << rtf.err;
+    EXPECT_EQ(rtf.out, "caf\xC3\xA9\n");
+    home.write("not.bin", "{not rtf at all}");
+    EXPECT_EQ(runTool({"rtf", home.file("not.bin")}, home.path()).status, 2);
 }
 
 // Over the corpus, every value getprop reads for the message and its attachments, props

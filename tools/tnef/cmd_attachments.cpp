@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <deque>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "names.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/tnef_attachments.h"
+#include "tnef/tnef_body.h"
 #include "tool.h"
 
 namespace {
@@ -36,7 +38,7 @@ constexpr const char* kListHelp =
     "\"display_name\"}}]}]}; a file that cannot be read has \"error\" instead.\n";
 
 constexpr const char* kExtractHelp =
-    "usage: tnef extract FILE... [-C DIR] [--overwrite] [--embedded]\n"
+    "usage: tnef extract FILE... [-C DIR] [--overwrite] [--embedded] [--body]\n"
     "\n"
     "Writes the attachments of each TNEF file into DIR (default: the current folder,\n"
     "created when missing), attachments of embedded messages included. Names are made\n"
@@ -50,6 +52,8 @@ constexpr const char* kExtractHelp =
     "  --overwrite   replace files that were there before this run (files written by\n"
     "                this run are still never replaced)\n"
     "  --embedded    also write each embedded message as a TNEF file of its own\n"
+    "  --body        also write the message's bodies: message.html, message.txt and\n"
+    "                message.rtf, each that it has (index 0, kind \"body\" in JSON)\n"
     "                (\"<subject>.tnef\"), which tnef can read in turn\n"
     "\n"
     "With --json: {\"directory\",\"files\":[{\"file\",\"extracted\":[{\"index\",\"kind\",\n"
@@ -57,8 +61,13 @@ constexpr const char* kExtractHelp =
     "the file could not be read at all, \"errors\" for attachments that were not written\n"
     "whole.\n";
 
+// A message body written beside the attachments is listed as an attachment of kind "body".
+inline constexpr uint32_t kKindBody = 100;
+
 const char* kindName(uint32_t kind) {
     switch (kind) {
+        case kKindBody:
+            return "body";
         case TNEF_ATTACH_FILE:
             return "file";
         case TNEF_ATTACH_OLE:
@@ -242,6 +251,7 @@ struct Extracted {
 // What extracting one file gave: the attachments written, the faults reported about them,
 // and the fault that kept the file from being read at all.
 struct FileResult {
+    std::deque<TnefAttachInfo> bodies;  // what the bodies written are listed as
     std::vector<Extracted> done;
     std::vector<std::string> errors;
     std::string error;
@@ -290,6 +300,46 @@ bool extractOne(ExtractTarget& t, int inFd, const std::string& file, const TnefA
     return false;
 }
 
+// Writes the message's HTML, text and RTF bodies, each it has, as message.html, .txt, .rtf.
+bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResult& r) {
+    static constexpr struct { TnefBodyKind kind; const char* name; const char* type; } kBodies[] = {
+        {TNEF_BODY_HTML, "message.html", "text/html"},
+        {TNEF_BODY_TEXT, "message.txt", "text/plain"},
+        {TNEF_BODY_RTF, "message.rtf", "application/rtf"}};
+    bool ok = true;
+    try {
+        TnefMessageView view;
+        tnef_ReadMessage(inFd, &view);
+        for (const auto& b : kBodies) {
+            const TnefBody body = tnef_MessageBody(inFd, view, b.kind);
+            if (body.kind == TNEF_BODY_NONE) continue;
+            std::string chosen;
+            int err = 0;
+            const int outFd = createOutput(t, b.name, &chosen, &err);
+            const std::string path = t.dir + "/" + chosen;
+            const bool written = outFd >= 0 && ::write(outFd, body.text.data(), body.text.size()) ==
+                                                   static_cast<ssize_t>(body.text.size());
+            if (outFd >= 0 && !written) err = errno;
+            if (outFd >= 0 && ::close(outFd) != 0 && written) err = errno;
+            if (!written || err != 0) {
+                fault(r, path, errnoText(err));
+                ok = false;
+                continue;
+            }
+            TnefAttachInfo& info = r.bodies.emplace_back();
+            info.kind = kKindBody;
+            info.longFileName = b.name;
+            info.mimeTag = b.type;
+            info.dataLength = body.text.size();
+            r.done.push_back({&info, path});
+        }
+    } catch (const Escape& e) {
+        fault(r, file, "bodies: " + escapeLine(e));
+        return false;
+    }
+    return ok;
+}
+
 bool openTarget(const std::string& dir, ExtractTarget& t) {
     t.dir = dir;
     t.dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -305,12 +355,12 @@ bool openTarget(const std::string& dir, ExtractTarget& t) {
 // Extracts every attachment of one file into the target; false when anything failed. An
 // embedded message is what its own attachments are in: those are what a reader wants, so
 // they are written and the message itself only on request.
-bool extractFile(ExtractTarget& target, const std::string& path, bool embedded,
+bool extractFile(ExtractTarget& target, const std::string& path, bool embedded, bool bodies,
                  TnefAttachList& list, FileResult& r) {
     int fd = -1;
     if (!listFile(path, &fd, &list, &r.error)) return false;
     for (const std::string& w : warningsOf(list)) reportError(path, "warning: " + w);
-    bool ok = true;
+    bool ok = !bodies || extractBodies(target, fd, path, r);
     for (const TnefAttachInfo& a : list.attachments) {
         if (a.kind == TNEF_ATTACH_NONE || (a.kind == TNEF_ATTACH_MESSAGE && !embedded)) continue;
         ok = extractOne(target, fd, path, a, r) && ok;
@@ -381,8 +431,8 @@ int cmdList(const GlobalOptions& g, const std::vector<std::string>& args) {
 
 int cmdExtract(const GlobalOptions& g, const std::vector<std::string>& args) {
     ParsedArgs p;
-    if (!parseArgs("extract", args, {{"-C", true}, {"--overwrite", false}, {"--embedded", false}},
-                   &p))
+    if (!parseArgs("extract", args,
+                   {{"-C", true}, {"--overwrite", false}, {"--embedded", false}, {"--body", false}}, &p))
         return kExitError;
     if (p.help) return printHelp(kExtractHelp);
     if (p.operands.empty()) return usageError("extract", "no FILE given");
@@ -397,7 +447,7 @@ int cmdExtract(const GlobalOptions& g, const std::vector<std::string>& args) {
     for (const std::string& path : p.operands) {
         TnefAttachList list;  // the results point into it
         FileResult r;
-        if (!extractFile(target, path, embedded, list, r)) status = kExitError;
+        if (!extractFile(target, path, embedded, p.has("--body"), list, r)) status = kExitError;
         if (g.json)
             jsonExtracted(j, path, r);
         else if (!writeOut(renderExtracted(r)))
