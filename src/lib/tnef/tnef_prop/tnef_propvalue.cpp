@@ -10,6 +10,7 @@
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/mapi_blob.h"
 #include "tnef/platform/os_file.h"
+#include "tnef/tnef_reader.h"
 #include "tnef_defs.h"
 #include "tnef_prop/tnef_extract.h"
 #include "tnef_prop/tnef_proplog.h"
@@ -19,68 +20,8 @@ namespace {
 
 // Published names of the property types, for the prop log only.
 const char* symbolicType(uint16_t type) {
-    switch (type) {
-        case PT_UNSPECIFIED:
-            return "PT_UNSPECIFIED";
-        case PT_NULL:
-            return "PT_NULL";
-        case PT_I2:
-            return "PT_I2";
-        case PT_LONG:
-            return "PT_LONG";
-        case PT_R4:
-            return "PT_R4";
-        case PT_DOUBLE:
-            return "PT_DOUBLE";
-        case PT_CURRENCY:
-            return "PT_CURRENCY";
-        case PT_APPTIME:
-            return "PT_APPTIME";
-        case PT_ERROR:
-            return "PT_ERROR";
-        case PT_BOOLEAN:
-            return "PT_BOOLEAN";
-        case PT_OBJECT:
-            return "PT_OBJECT";
-        case PT_I8:
-            return "PT_I8";
-        case PT_STRING8:
-            return "PT_STRING8";
-        case PT_UNICODE:
-            return "PT_UNICODE";
-        case PT_SYSTIME:
-            return "PT_SYSTIME";
-        case PT_CLSID:
-            return "PT_CLSID";
-        case PT_BINARY:
-            return "PT_BINARY";
-        case PT_MV_I2:
-            return "PT_MV_I2";
-        case PT_MV_LONG:
-            return "PT_MV_LONG";
-        case PT_MV_R4:
-            return "PT_MV_R4";
-        case PT_MV_DOUBLE:
-            return "PT_MV_DOUBLE";
-        case PT_MV_CURRENCY:
-            return "PT_MV_CURRENCY";
-        case PT_MV_APPTIME:
-            return "PT_MV_APPTIME";
-        case PT_MV_I8:
-            return "PT_MV_I8";
-        case PT_MV_SYSTIME:
-            return "PT_MV_SYSTIME";
-        case PT_MV_CLSID:
-            return "PT_MV_CLSID";
-        case PT_MV_STRING8:
-            return "PT_MV_STRING8";
-        case PT_MV_UNICODE:
-            return "PT_MV_UNICODE";
-        case PT_MV_BINARY:
-            return "PT_MV_BINARY";
-        default:
-            return "unknown";
-    }
+    const char* name = tnef_PropTypeName(type);
+    return name != nullptr ? name : "unknown";
 }
 
 void appendHex(dstring* text, uint32_t value) {
