@@ -1,12 +1,12 @@
 // SHA-256 of bytes in memory or of a file read in chunks, as lower-case hexadecimal, for
-// tests that compare contents with digests recorded elsewhere.
+// tests that compare contents with digests recorded elsewhere (OpenSSL's digest).
 #pragma once
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
+
+struct evp_md_ctx_st;
 
 namespace testsha {
 
@@ -19,11 +19,7 @@ public:
     std::string hex();
 
 private:
-    void block(const uint8_t* p);
-    std::array<uint32_t, 8> h_;
-    std::array<uint8_t, 64> buffer_{};
-    size_t buffered_ = 0;
-    uint64_t total_ = 0;
+    std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> ctx_;
 };
 
 std::string sha256Hex(std::string_view bytes);

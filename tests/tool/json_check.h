@@ -1,5 +1,5 @@
-// A strict JSON reader for the tool's tests: a report either parses as exactly one JSON
-// document of valid UTF-8, or the test hears where it went wrong.
+// The tool's reports parsed for the tests by nlohmann-json: a report either parses as exactly
+// one JSON document of valid UTF-8, or the test hears where it went wrong.
 #pragma once
 
 #include <string>

@@ -1,8 +1,9 @@
-// A small JSON writer for the tool's reports: objects, arrays, strings, numbers and
-// booleans, with commas placed for the caller. Strings are written as valid UTF-8 whatever
-// they hold: quotes, backslashes and control bytes are escaped and bytes that do not form
-// UTF-8 become U+FFFD.
+// The tool's JSON reports, written member by member: a document of nlohmann-json built as
+// the calls come, so commas, escapes and UTF-8 are the library's. Members keep the order
+// they were written in; bytes that do not form UTF-8 come out as U+FFFD.
 #pragma once
+
+#include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <string>
@@ -11,22 +12,22 @@
 
 class JsonWriter {
   public:
-    JsonWriter& beginObject();
-    JsonWriter& endObject();
-    JsonWriter& beginArray();
-    JsonWriter& endArray();
+    JsonWriter& beginObject() { return open(nlohmann::ordered_json::object()); }
+    JsonWriter& endObject() { return close(); }
+    JsonWriter& beginArray() { return open(nlohmann::ordered_json::array()); }
+    JsonWriter& endArray() { return close(); }
     // The key of the next member of the object being written.
     JsonWriter& key(std::string_view name);
 
-    JsonWriter& value(std::string_view text);
+    JsonWriter& value(std::string_view text) { return put(std::string(text)); }
     JsonWriter& value(const char* text) { return value(std::string_view(text)); }
-    JsonWriter& value(const std::string& text) { return value(std::string_view(text)); }
-    JsonWriter& value(uint64_t number);
-    JsonWriter& value(int64_t number);
-    JsonWriter& value(uint32_t number) { return value(static_cast<uint64_t>(number)); }
-    JsonWriter& value(int number) { return value(static_cast<int64_t>(number)); }
-    JsonWriter& value(bool flag);
-    JsonWriter& null();
+    JsonWriter& value(const std::string& text) { return put(text); }
+    JsonWriter& value(uint64_t number) { return put(number); }
+    JsonWriter& value(int64_t number) { return put(number); }
+    JsonWriter& value(uint32_t number) { return put(static_cast<uint64_t>(number)); }
+    JsonWriter& value(int number) { return put(static_cast<int64_t>(number)); }
+    JsonWriter& value(bool flag) { return put(flag); }
+    JsonWriter& null() { return put(nullptr); }
 
     template <class T>
     JsonWriter& field(std::string_view name, const T& v) {
@@ -34,15 +35,15 @@ class JsonWriter {
         return value(v);
     }
 
-    // The document so far, and a newline once it is complete.
+    // The document and a newline once it is complete; empty before.
     const std::string& text() const { return out_; }
 
   private:
-    void beforeValue();
+    JsonWriter& open(nlohmann::ordered_json container);
+    JsonWriter& close();
+    JsonWriter& put(nlohmann::ordered_json v);
+    nlohmann::ordered_json root_;
+    std::vector<nlohmann::ordered_json*> open_;  // the containers not yet ended
+    std::string key_;
     std::string out_;
-    std::vector<bool> first_;  // per open container: no member written yet
-    bool afterKey_ = false;
 };
-
-// text as a JSON string literal, quotes included.
-std::string jsonQuote(std::string_view text);

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -26,53 +29,57 @@ std::string ParsedArgs::get(std::string_view name, std::string_view fallback) co
 
 namespace {
 
-const OptionInfo* findOption(const std::vector<OptionInfo>& known, std::string_view name) {
-    for (const OptionInfo& s : known)
-        if (name == s.name) return &s;
-    return nullptr;
+// The first argument that looks like an option the command does not know, for the report.
+std::string unknownOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
+    for (const std::string& arg : args) {
+        if (arg == "--") break;
+        const std::string name = arg.substr(0, arg.find('='));
+        if (arg.size() < 2 || arg[0] != '-' || name == "-h" || name == "--help") continue;
+        if (std::none_of(known.begin(), known.end(), [&](const OptionInfo& o) { return name == o.name; }))
+            return name;
+    }
+    return {};
+}
+
+// The option given last without the value it needs.
+std::string missingValueOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
+    for (const OptionInfo& o : known)
+        if (o.takesValue && !args.empty() && args.back() == o.name) return o.name;
+    return args.empty() ? std::string() : args.back();
 }
 
 }  // namespace
 
+// The command's own options are declared to CLI11, which parses them; its faults are
+// reported in the tool's one-line form.
 bool parseArgs(const std::string& command, const std::vector<std::string>& args,
                const std::vector<OptionInfo>& known, ParsedArgs* parsed) {
-    bool optionsEnded = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
-            parsed->operands.push_back(arg);
-            continue;
-        }
-        if (arg == "--") {
-            optionsEnded = true;
-            continue;
-        }
-        if (arg == "--help" || arg == "-h") {
-            parsed->help = true;
-            continue;
-        }
-        const size_t eq = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
-        const std::string name = arg.substr(0, eq);
-        const OptionInfo* option = findOption(known, name);
-        if (option == nullptr) {
-            usageError(command, "unknown option '" + name + "'");
-            return false;
-        }
-        std::string value;
-        if (eq != std::string::npos) {
-            if (!option->takesValue) {
-                usageError(command, "option '" + name + "' takes no value");
-                return false;
-            }
-            value = arg.substr(eq + 1);
-        } else if (option->takesValue) {
-            if (i + 1 >= args.size()) {
-                usageError(command, "option '" + name + "' needs a value");
-                return false;
-            }
-            value = args[++i];
-        }
-        parsed->options.emplace_back(name, value);
+    CLI::App app{"", command};
+    app.set_help_flag();
+    app.add_flag("-h,--help", parsed->help);
+    for (const OptionInfo& o : known) {
+        const std::string name = o.name;
+        if (o.takesValue)
+            app.add_option_function<std::vector<std::string>>(
+                   name, [parsed, name](const std::vector<std::string>& values) {
+                       for (const std::string& v : values) parsed->options.emplace_back(name, v);
+                   })
+                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                ->allow_extra_args(false);
+        else
+            app.add_flag_callback(name, [parsed, name] { parsed->options.emplace_back(name, ""); });
+    }
+    app.add_option("operands", parsed->operands);
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    try {
+        app.parse(reversed);
+    } catch (const CLI::ArgumentMismatch&) {
+        usageError(command, "option '" + missingValueOption(args, known) + "' needs a value");
+        return false;
+    } catch (const CLI::ParseError& e) {
+        const std::string unknown = unknownOption(args, known);
+        usageError(command, unknown.empty() ? std::string(e.what()) : "unknown option '" + unknown + "'");
+        return false;
     }
     return true;
 }
