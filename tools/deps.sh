@@ -3,7 +3,7 @@
 set -eu
 need=""
 for pkg in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev \
-    nlohmann-json3-dev libssl-dev; do
+    nlohmann-json3-dev libcli11-dev libssl-dev; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
 [ -z "$need" ] && exit 0
