@@ -114,6 +114,20 @@ TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
     EXPECT_EQ(runTool({"rtf", home.file("not.bin")}, home.path()).status, 2);
 }
 
+// "-" reads standard input, a pipe included (spooled where the reader can seek in it).
+TEST(ToolStdin, EveryReadingCommandTakesAPipe) {
+    TestHome home;
+    const std::string tool = TNEF_TOOL_PATH;
+    for (const char* command : {"list", "props", "body", "getprop", "scan", "decode"}) {
+        const ToolRun piped = runProgram("/bin/sh", {"-c", "cat '" + samplePath() + "' | '" + tool + "' --home '" +
+                                                             home.path() + "' " + command + " -"},
+                                         home.path());
+        EXPECT_EQ(piped.status, 0) << command << ": " << piped.err;
+        EXPECT_FALSE(piped.out.empty()) << command;
+    }
+    EXPECT_EQ(runProgram("/bin/sh", {"-c", "printf 'MZ' | '" + tool + "' list -"}, home.path()).status, 2);
+}
+
 // Over the corpus, every value getprop reads for the message and its attachments, props
 // reads alike: two walkers of the stream that share nothing but the file.
 TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {

@@ -56,10 +56,11 @@ struct DecodeResult {
 };
 
 // Builds, decodes and saves; on an escape the half-built message is removed again.
-DecodeResult decodeIntoStore(const std::string& path, uint32_t addressUpdate, uint32_t suppress) {
+DecodeResult decodeIntoStore(const std::string& path, const std::string& name, uint32_t addressUpdate,
+                             uint32_t suppress) {
     ReceivedMessage received;
     received.tnefPath = path;
-    received.tnefName = baseName(path);
+    received.tnefName = name;
     int16_t messageFile = 0;
     MsgOwner message(Msg_BuildReceived(received, &messageFile));
     TfFileOwner receivedFile(messageFile);
@@ -103,16 +104,18 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
     const std::string& path = p.operands.front();
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
-    ::close(fd);
 
     DecodeResult r;
     try {
-        r = decodeIntoStore(path, p.has("--update-addresses") ? 1 : 0,
-                            p.has("--suppress-mapi") ? 1 : 0);
+        // Standard input arrives as the attachment it usually is.
+        r = decodeIntoStore(inputPath(path, fd), path == "-" ? "winmail.dat" : baseName(path),
+                            p.has("--update-addresses") ? 1 : 0, p.has("--suppress-mapi") ? 1 : 0);
     } catch (const Escape& e) {
+        ::close(fd);
         reportEscape(path, e);
         return kExitError;
     }
+    ::close(fd);
     if (!g.json) return writeOut(renderDecode(r)) ? kExitOk : kExitError;
     JsonWriter j;
     j.beginObject();

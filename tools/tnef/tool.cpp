@@ -7,9 +7,11 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "tnef/platform/er_escape.h"
@@ -176,8 +178,44 @@ bool writeWholeFile(const std::string& path, std::string_view bytes) {
     return true;
 }
 
+namespace {
+
+// Standard input as a file the reader can seek in: itself when it is a regular file, else
+// its bytes copied into a temporary file that has no name (so nothing is left behind).
+int stdinInput(int* err) {
+    struct stat st {};
+    if (::fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode)) return ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+    const char* tmp = std::getenv("TMPDIR");
+    const int fd = ::open(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *err = errno;
+        return -1;
+    }
+    std::array<char, 65536> chunk;
+    for (;;) {
+        const ssize_t n = ::read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 || (n > 0 && ::write(fd, chunk.data(), static_cast<size_t>(n)) != n)) {
+            *err = errno;
+            ::close(fd);
+            return -1;
+        }
+        if (n == 0) break;
+    }
+    ::lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+}  // namespace
+
+std::string inputPath(const std::string& operand, int fd) {
+    return operand == "-" ? "/proc/self/fd/" + std::to_string(fd) : operand;
+}
+
 int openInput(const std::string& path, std::string* error) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int stdinErr = 0;
+    const int fd = path == "-" ? stdinInput(&stdinErr) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && stdinErr != 0) errno = stdinErr;
     int err = fd < 0 ? errno : 0;
     struct stat st {};
     if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {

@@ -78,8 +78,12 @@ bool makeFolders(const std::string& dir);
 std::string absolutePath(const std::string& path);
 
 // Opens a TNEF input for reading; on failure reports it (naming path), puts the fault in
-// *error when given, and returns -1. A folder is refused.
+// *error when given, and returns -1. A folder is refused. "-" is standard input, spooled to
+// a temporary file without a name when it cannot seek (a pipe).
 int openInput(const std::string& path, std::string* error = nullptr);
+// The path an entry that opens files by name reads an input at: the operand, or for "-"
+// the open descriptor's own name under /proc.
+std::string inputPath(const std::string& operand, int fd);
 
 // Bytes as readable text: printable ASCII as it stands, a backslash doubled, every other
 // byte as \xNN.
