@@ -128,6 +128,29 @@ TEST(ToolStdin, EveryReadingCommandTakesAPipe) {
     EXPECT_EQ(runProgram("/bin/sh", {"-c", "printf 'MZ' | '" + tool + "' list -"}, home.path()).status, 2);
 }
 
+// A report that cannot be written is one line on stderr and status 2; --json failing
+// still answers with a JSON document.
+TEST(ToolOutput, ClosedOrFullStdoutAndJsonOnFailure) {
+    TestHome home;
+    const std::string tool = TNEF_TOOL_PATH;
+    for (const std::string redirect : {">&-", ">/dev/full"}) {
+        const ToolRun list = runProgram("/bin/sh", {"-c", "'" + tool + "' list '" + samplePath() + "' " + redirect},
+                                        home.path());
+        EXPECT_EQ(list.status, 2) << redirect;
+        EXPECT_NE(list.err.find("tnef: standard output: "), std::string::npos) << list.err;
+    }
+    const ToolRun decode = runProgram(
+        "/bin/sh", {"-c", "'" + tool + "' --home '" + home.path() + "' decode '" + samplePath() + "' >/dev/full"},
+        home.path());
+    EXPECT_EQ(decode.status, 2);
+    EXPECT_NE(decode.err.find("stored message "), std::string::npos) << decode.err;
+    for (const char* command : {"decode", "scan", "getprop", "body", "props"}) {
+        const ToolRun bad = runTool({"--json", "--home", home.path(), command, TNEF_SOURCE_DIR "/README.md"}, home.path());
+        EXPECT_EQ(bad.status, 2) << command;
+        EXPECT_TRUE(Json::parse(bad.out).contains("error")) << command << ": " << bad.out;
+    }
+}
+
 // Over the corpus, every value getprop reads for the message and its attachments, props
 // reads alike: two walkers of the stream that share nothing but the file.
 TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {

@@ -95,6 +95,17 @@ std::string renderDecode(const DecodeResult& r) {
 
 }  // namespace
 
+namespace {
+
+// The message is stored whether or not its report reaches stdout: say which one it is.
+int reported(const DecodeResult& r, bool written) {
+    if (written) return kExitOk;
+    reportError("decode", "stored message " + r.summary.id + ", but its report could not be written");
+    return kExitError;
+}
+
+}  // namespace
+
 int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
     ParsedArgs p;
     if (!parseArgs("decode", args, {{"--suppress-mapi", false}, {"--update-addresses", false}}, &p))
@@ -116,7 +127,7 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
         return kExitError;
     }
     ::close(fd);
-    if (!g.json) return writeOut(renderDecode(r)) ? kExitOk : kExitError;
+    if (!g.json) return reported(r, writeOut(renderDecode(r)));
     JsonWriter j;
     j.beginObject();
     jsonSummaryFields(j, r.summary);
@@ -126,5 +137,5 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
     j.key("attachments");
     jsonParts(j, r.summary.parts, kFirstAttachmentPart);
     j.endObject();
-    return writeOut(j.text()) ? kExitOk : kExitError;
+    return reported(r, writeOut(j.text()));
 }

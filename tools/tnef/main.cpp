@@ -11,6 +11,8 @@
 #include "tnef/platform/os_file.h"
 #include "tool.h"
 
+#include <nlohmann/json.hpp>
+
 #ifndef TNEF_TOOL_VERSION
 #define TNEF_TOOL_VERSION "unknown"
 #endif
@@ -142,7 +144,12 @@ int run(int argc, char** argv) {
     const Command* command = findCommand(line.command);
     if (command == nullptr) return usageError("", "unknown command '" + line.command + "'");
     applyGlobals(line);
-    return command->run(line.global, line.args);
+    const int status = command->run(line.global, line.args);
+    // A --json run that failed before its report still answers with a JSON document.
+    if (line.global.json && status == kExitError && !tool_WroteOut())
+        writeOut(nlohmann::json({{"error", tool_LastFault()}})
+                     .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    return status;
 }
 
 }  // namespace

@@ -86,7 +86,18 @@ bool parseArgs(const std::string& command, const std::vector<std::string>& args,
     return true;
 }
 
+namespace {
+// What the run has said: the last fault reported, and whether stdout got anything, so that
+// a --json run that failed before writing its report still writes a JSON document.
+std::string lastFault;
+bool wroteOut = false;
+}  // namespace
+
+std::string tool_LastFault() { return lastFault; }
+bool tool_WroteOut() { return wroteOut; }
+
 void reportError(std::string_view subject, std::string_view what) {
+    lastFault = subject.empty() ? std::string(what) : std::string(subject) + ": " + std::string(what);
     std::string line = "tnef: ";
     if (!subject.empty()) {
         line += subject;
@@ -127,8 +138,17 @@ std::string errnoText(int err) {
 
 bool writeOut(std::string_view bytes) {
     if (bytes.empty()) return true;
-    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
-    return ok && std::fflush(stdout) == 0;
+    wroteOut = true;
+    errno = 0;
+    const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() &&
+                    std::fflush(stdout) == 0;
+    // A closed or full standard output is said once, on stderr.
+    static bool said = false;
+    if (!ok && !said) {
+        said = true;
+        reportError("standard output", errno != 0 ? errnoText(errno) : "cannot be written");
+    }
+    return ok;
 }
 
 bool readWholeFile(const std::string& path, std::string* bytes) {

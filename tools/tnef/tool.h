@@ -55,6 +55,9 @@ std::string errnoText(int err);
 
 // Writes bytes to stdout; false when stdout fails.
 bool writeOut(std::string_view bytes);
+// The last fault reportError was given ("subject: what"), and whether writeOut wrote.
+std::string tool_LastFault();
+bool tool_WroteOut();
 
 // Whole file into *bytes; on failure reports it and returns false.
 bool readWholeFile(const std::string& path, std::string* bytes);
