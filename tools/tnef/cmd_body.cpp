@@ -33,23 +33,12 @@ constexpr const char* kRtfHelp =
     "\n"
     "With --json: {\"file\",\"kind\",\"encapsulated\",\"bytes\",\"output\",\"warnings\"}.\n";
 
-struct Damage {
-    uint32_t flag;
-    const char* text;
-};
-constexpr Damage kRtfDamage[] = {
+constexpr FlagText kRtfDamage[] = {
     {TNEF_RTF_BAD_CRC, "the compressed RTF's checksum is wrong"},
     {TNEF_RTF_CUT, "the compressed RTF is cut short"},
     {TNEF_RTF_SIZE_DIFFERS, "the RTF's size differs from the size its header gives"},
     {TNEF_RTF_TOO_LONG, "the RTF is longer than the reader's limit; the rest is left out"},
 };
-
-std::vector<std::string> rtfWarnings(uint32_t flags) {
-    std::vector<std::string> out;
-    for (const Damage& d : kRtfDamage)
-        if (flags & d.flag) out.emplace_back(d.text);
-    return out;
-}
 
 bool kindOf(const std::string& format, TnefBodyKind* kind) {
     static constexpr struct { const char* name; TnefBodyKind kind; } kFormats[] = {
@@ -130,7 +119,7 @@ int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args) {
         }
         return deliver(g, p, file, body.text,
                        {{"file", file}, {"kind", kindName(body.kind)}, {"source", body.source}},
-                       rtfWarnings(body.rtfFlags));
+                       flagTexts(body.rtfFlags, kRtfDamage));
     } catch (const Escape& e) {
         ::close(fd);
         return failed(g, file, e);
@@ -159,12 +148,12 @@ int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args) {
         }
     }
     nlohmann::json report = {{"file", file}, {"kind", format}};
-    if (format == "rtf") return deliver(g, p, file, rtf, report, rtfWarnings(flags));
+    if (format == "rtf") return deliver(g, p, file, rtf, report, flagTexts(flags, kRtfDamage));
     const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
     if (format == "html" && d.kind != TNEF_BODY_HTML) {
         reportError(file, "the RTF encapsulates no HTML");
         return kExitNotFound;
     }
     report["encapsulated"] = d.encapsulated;
-    return deliver(g, p, file, d.text, report, rtfWarnings(flags));
+    return deliver(g, p, file, d.text, report, flagTexts(flags, kRtfDamage));
 }

@@ -27,12 +27,8 @@ constexpr const char* kPropsHelp =
     "With --json: {\"file\",\"properties\":[{\"tag\",\"name\",\"type\",\"set\",\"id\" or\n"
     "\"string_id\",\"value\"}],\"attachments\":[[...]],\"recipients\":[[...]],\"warnings\":[...]}.\n";
 
-struct Damage {
-    uint32_t flag;
-    const char* text;
-};
 
-constexpr Damage kDamage[] = {
+constexpr FlagText kDamage[] = {
     {TNEF_READ_TRUNCATED, "the file ends inside a record"},
     {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
     {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
@@ -42,13 +38,6 @@ constexpr Damage kDamage[] = {
     {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
     {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
 };
-
-std::vector<std::string> warningsOf(uint32_t flags) {
-    std::vector<std::string> out;
-    for (const Damage& d : kDamage)
-        if (flags & d.flag) out.emplace_back(d.text);
-    return out;
-}
 
 nlohmann::json listJson(int fd, const std::vector<TnefPropEntry>& entries) {
     nlohmann::json list = nlohmann::json::array();
@@ -82,7 +71,7 @@ struct PropsRequest {
 
 int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMessageView& v,
            const PropsRequest& r) {
-    const std::vector<std::string> warnings = warningsOf(v.flags);
+    const std::vector<std::string> warnings = flagTexts(v.flags, kDamage);
     if (g.json) {
         nlohmann::json j = {{"file", file}, {"properties", listJson(fd, v.properties)}};
         if (r.attachments) j["attachments"] = tablesJson(fd, v.attachmentProperties);

@@ -96,6 +96,21 @@ std::string readableBytes(std::string_view bytes);
 // (doubled).
 std::string readableText(std::string_view text);
 
+// What a damage flag means to a reader of the tool's warnings.
+struct FlagText {
+    uint32_t flag;
+    const char* text;
+};
+
+// The texts of the flags set, in the table's order.
+template <size_t N>
+std::vector<std::string> flagTexts(uint32_t flags, const FlagText (&table)[N]) {
+    std::vector<std::string> out;
+    for (const FlagText& f : table)
+        if (flags & f.flag) out.emplace_back(f.text);
+    return out;
+}
+
 // Usage text helpers: each subcommand prints its own.
 int printHelp(std::string_view text);
 int usageError(const std::string& command, std::string_view what);

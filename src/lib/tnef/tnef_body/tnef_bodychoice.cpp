@@ -1,13 +1,12 @@
 // Which body a message has, and in which character set: the HTML and text the client wrote,
 // else what its compressed RTF holds.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <string>
 
 #include "tnef/tnef_body.h"
+#include "tnef_body/tnef_bodyio.h"
 #include "tnef_defs.h"
 #include "tnef_read/tnef_readtext.h"
 
@@ -21,13 +20,7 @@ constexpr uint32_t kUtf16CodePage = 1200;
 
 std::string bytesAt(int fd, uint64_t offset, uint64_t length) {
     std::string out(static_cast<size_t>(length), '\0');
-    size_t done = 0;
-    while (done < out.size()) {
-        const ssize_t got = ::pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
-        if (got <= 0) break;
-        done += static_cast<size_t>(got);
-    }
-    out.resize(done);
+    out.resize(tnef_BodyReadAt(fd, offset, out.data(), out.size()));
     return out;
 }
 

@@ -57,24 +57,6 @@ bool isDoubleByte(uint32_t codePage) {
 bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-void appendUtf8(std::string& out, uint32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
-
 struct Reader {
     std::string_view rtf;
     size_t pos = 0;
@@ -166,7 +148,7 @@ struct Reader {
         if (html)
             out += "&nbsp;";
         else
-            appendUtf8(out, 0xA0);
+            tnef_AppendUtf8(out, 0xA0);
     }
     void unicode(int32_t n) {
         skipFallback = state().uc;
@@ -178,9 +160,9 @@ struct Reader {
             return;
         }
         if (u >= 0xDC00 && u <= 0xDFFF && highSurrogate != 0) {
-            appendUtf8(out, 0x10000 + ((highSurrogate - 0xD800) << 10) + (u - 0xDC00));
+            tnef_AppendUtf8(out, 0x10000 + ((highSurrogate - 0xD800) << 10) + (u - 0xDC00));
         } else {
-            appendUtf8(out, u >= 0xD800 && u <= 0xDFFF ? 0xFFFD : u);
+            tnef_AppendUtf8(out, u >= 0xD800 && u <= 0xDFFF ? 0xFFFD : u);
         }
         highSurrogate = 0;
     }
@@ -255,7 +237,7 @@ void Reader::word(std::string_view w, bool hasParam, int32_t param) {
         if (!emitting()) return;
         flushPending();
         for (size_t i = 0; i < std::size(kWords); ++i)
-            if (w == kWords[i]) appendUtf8(out, kChars[i]);
+            if (w == kWords[i]) tnef_AppendUtf8(out, kChars[i]);
     }
 }
 

@@ -12,6 +12,7 @@
 #include "tnef/platform/er_escape.h"
 #include "tnef/tnef_body.h"
 #include "tnef_defs.h"
+#include "tnef_body/tnef_bodyio.h"
 #include "tnef_propstream.h"
 
 namespace {
@@ -39,6 +40,23 @@ constexpr std::array<uint32_t, 256> makeCrcTable() {
 }
 constexpr std::array<uint32_t, 256> kCrcTable = makeCrcTable();
 
+}  // namespace
+
+size_t tnef_BodyReadAt(int fd, uint64_t offset, void* out, size_t n) {
+    size_t done = 0;
+    while (done < n) {
+        const ssize_t got = ::pread(fd, static_cast<char*>(out) + done, n - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0)
+            er_TracedEscapeText(ER_GROUP_IO, errno, TNEF_UNIT_BODY, __LINE__, "reading a body failed");
+        if (got == 0) break;
+        done += static_cast<size_t>(got);
+    }
+    return done;
+}
+
+namespace {
+
 // The compressed bytes, read in pieces from memory or from a file; never past `left`.
 struct RtfInput {
     const uint8_t* memory = nullptr;
@@ -56,16 +74,7 @@ struct RtfInput {
             buffer.assign(memory + at, memory + at + n);
         } else {
             buffer.resize(n);
-            for (size_t done = 0; done < n;) {
-                const ssize_t got = ::pread(fd, buffer.data() + done, n - done,
-                                            static_cast<off_t>(at + done));
-                if (got < 0 && errno == EINTR) continue;
-                if (got < 0)
-                    er_TracedEscapeText(ER_GROUP_IO, errno, TNEF_UNIT_BODY, __LINE__,
-                                        "reading a compressed body failed");
-                if (got == 0) return false;
-                done += static_cast<size_t>(got);
-            }
+            if (tnef_BodyReadAt(fd, at, buffer.data(), n) != n) return false;
         }
         crc = tnef_RtfCrc32(crc, buffer.data(), n);
         at += n;
@@ -277,16 +286,8 @@ TnefRtfStatus tnef_DecompressRtfFile(int fd, uint64_t offset, uint64_t length, T
                                      uint32_t* flags) {
     *flags = 0;
     uint8_t header[kHeaderSize];
-    if (length < kHeaderSize) return TNEF_RTF_TOO_SHORT;
-    for (size_t done = 0; done < kHeaderSize;) {
-        const ssize_t got = ::pread(fd, header + done, kHeaderSize - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0)
-            er_TracedEscapeText(ER_GROUP_IO, errno, TNEF_UNIT_BODY, __LINE__,
-                                "reading a compressed body failed");
-        if (got == 0) return TNEF_RTF_TOO_SHORT;
-        done += static_cast<size_t>(got);
-    }
+    if (length < kHeaderSize || tnef_BodyReadAt(fd, offset, header, kHeaderSize) != kHeaderSize)
+        return TNEF_RTF_TOO_SHORT;
     RtfInput in;
     in.fd = fd;
     in.at = offset + kHeaderSize;

@@ -12,23 +12,6 @@ constexpr uint32_t kDefaultCodePage = 1252;
 constexpr uint32_t kUtf8CodePage = 65001;
 constexpr char32_t kReplacement = 0xFFFD;
 
-void appendUtf8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
 
 std::string_view upToNul(std::string_view text) {
     const size_t nul = text.find('\0');
@@ -63,7 +46,7 @@ std::string validUtf8(std::string_view text) {
     for (size_t i = 0; i < text.size();) {
         const size_t n = utf8SequenceAt(text, i);
         if (n == 0) {
-            appendUtf8(out, kReplacement);
+            tnef_AppendUtf8(out, kReplacement);
             ++i;
         } else {
             out.append(text.substr(i, n));
@@ -99,13 +82,13 @@ std::string tnef_TextFromUtf16(std::string_view utf16le) {
         if (u == 0) break;
         if (u >= 0xD800 && u <= 0xDBFF && i + 1 < units && unit(i + 1) >= 0xDC00 &&
             unit(i + 1) <= 0xDFFF) {
-            appendUtf8(out, 0x10000 + ((static_cast<char32_t>(u) - 0xD800) << 10) +
+            tnef_AppendUtf8(out, 0x10000 + ((static_cast<char32_t>(u) - 0xD800) << 10) +
                                 (unit(i + 1) - 0xDC00));
             ++i;
         } else if (u >= 0xD800 && u <= 0xDFFF) {
-            appendUtf8(out, kReplacement);
+            tnef_AppendUtf8(out, kReplacement);
         } else {
-            appendUtf8(out, u);
+            tnef_AppendUtf8(out, u);
         }
     }
     return out;
@@ -119,6 +102,24 @@ std::string tnef_TextFrom8Bit(std::string_view text, uint32_t codePage) {
     if (codePage != 0 && convertWithIconv(text, codePage, out)) return out;
     if (convertWithIconv(text, kDefaultCodePage, out)) return out;
     // Without a converter at all, every byte outside ASCII is unknown.
-    for (unsigned char c : text) appendUtf8(out, c < 0x80 ? c : kReplacement);
+    for (unsigned char c : text) tnef_AppendUtf8(out, c < 0x80 ? c : kReplacement);
     return out;
+}
+
+void tnef_AppendUtf8(std::string& out, char32_t c) {
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | (c >> 12));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (c >> 18));
+        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
 }

@@ -14,3 +14,6 @@ std::string tnef_TextFromUtf16(std::string_view utf16le);
 // Bytes the code page does not define are left out; a code page iconv does not know is
 // read as 1252.
 std::string tnef_TextFrom8Bit(std::string_view text, uint32_t codePage);
+
+// The UTF-8 bytes of one code point.
+void tnef_AppendUtf8(std::string& out, char32_t c);
