@@ -2,8 +2,21 @@
 # Installs the Debian packages the build and the tests need, when any is missing.
 set -eu
 need=""
-for pkg in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev \
-    nlohmann-json3-dev libcli11-dev libssl-dev; do
+# One package a line, grouped by the layer that needs it.
+pkgs="
+cmake
+ninja-build
+g++
+clang
+libclang-rt-14-dev
+libgtest-dev
+libgmock-dev
+libbenchmark-dev
+nlohmann-json3-dev
+libcli11-dev
+libssl-dev
+"
+for pkg in $pkgs; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
 done
 [ -z "$need" ] && exit 0
