@@ -137,7 +137,7 @@ TEST(ToolOutput, ClosedOrFullStdoutAndJsonOnFailure) {
         const ToolRun list = runProgram("/bin/sh", {"-c", "'" + tool + "' list '" + samplePath() + "' " + redirect},
                                         home.path());
         EXPECT_EQ(list.status, 2) << redirect;
-        EXPECT_NE(list.err.find("tnef: standard output: "), std::string::npos) << list.err;
+        EXPECT_NE(list.err.find("tnefx: standard output: "), std::string::npos) << list.err;
     }
     const ToolRun decode = runProgram(
         "/bin/sh", {"-c", "'" + tool + "' --home '" + home.path() + "' decode '" + samplePath() + "' >/dev/full"},

@@ -22,45 +22,6 @@
 
 namespace {
 
-constexpr const char* kListHelp =
-    "usage: tnef list FILE...\n"
-    "\n"
-    "Lists the attachments of each TNEF file: number, kind (file, ole, message, none),\n"
-    "size in bytes, MIME type and name. Attachments of embedded messages follow their\n"
-    "message, indented. The files are read directly; the store is not used.\n"
-    "\n"
-    "With --json: {\"files\":[{\"file\",\"subject\",\"message_class\",\"code_page\",\n"
-    "\"truncated\",\"trailing_bytes\",\"warnings\",\"attachments\":[{\"index\",\"parent\","
-    "\"depth\",\"kind\",\n"
-    "\"name\",\"size\",\"offset\",\"type\",\"source\",\"method\",\"modified\",\"data_cut\","
-    "\"content_id\",\n"
-    "\"names\":{\"long_file_name\",\"file_name\",\"transport_name\",\"title\",\n"
-    "\"display_name\"}}]}]}; a file that cannot be read has \"error\" instead.\n";
-
-constexpr const char* kExtractHelp =
-    "usage: tnef extract FILE... [-C DIR] [--overwrite] [--embedded] [--body]\n"
-    "\n"
-    "Writes the attachments of each TNEF file into DIR (default: the current folder,\n"
-    "created when missing), attachments of embedded messages included. Names are made\n"
-    "safe (no folders, no control bytes, no leading dots) and never replace a file: a\n"
-    "taken name becomes \"name (2).ext\". An attachment without a name is written as\n"
-    "\"attachment-N.dat\". An OLE object is written as its storage, without the 16-byte\n"
-    "interface identifier in front of it. An attachment that the file cuts short is\n"
-    "written as far as it goes, and the exit status is 2.\n"
-    "\n"
-    "  -C DIR        the folder to write into\n"
-    "  --overwrite   replace files that were there before this run (files written by\n"
-    "                this run are still never replaced)\n"
-    "  --embedded    also write each embedded message as a TNEF file of its own\n"
-    "  --body        also write the message's bodies: message.html, message.txt and\n"
-    "                message.rtf, each that it has (index 0, kind \"body\" in JSON)\n"
-    "                (\"<subject>.tnef\"), which tnef can read in turn\n"
-    "\n"
-    "With --json: {\"directory\",\"files\":[{\"file\",\"extracted\":[{\"index\",\"kind\",\n"
-    "\"name\",\"path\",\"size\",\"type\"}],\"errors\":[lines],\"error\"}]}; \"error\" when\n"
-    "the file could not be read at all, \"errors\" for attachments that were not written\n"
-    "whole.\n";
-
 // A message body written beside the attachments is listed as an attachment of kind "body".
 inline constexpr uint32_t kKindBody = 100;
 
@@ -394,13 +355,7 @@ void jsonExtracted(JsonWriter& j, const std::string& path, const FileResult& r) 
     j.endArray().endObject();
 }
 
-}  // namespace
-
-int cmdList(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("list", args, {}, &p)) return kExitError;
-    if (p.help) return printHelp(kListHelp);
-    if (p.operands.empty()) return usageError("list", "no FILE given");
+int cmdList(const GlobalOptions& g, const ParsedArgs& p) {
     int status = kExitOk;
     JsonWriter j;
     j.beginObject().key("files").beginArray();
@@ -429,13 +384,7 @@ int cmdList(const GlobalOptions& g, const std::vector<std::string>& args) {
     return status;
 }
 
-int cmdExtract(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("extract", args,
-                   {{"-C", true}, {"--overwrite", false}, {"--embedded", false}, {"--body", false}}, &p))
-        return kExitError;
-    if (p.help) return printHelp(kExtractHelp);
-    if (p.operands.empty()) return usageError("extract", "no FILE given");
+int cmdExtract(const GlobalOptions& g, const ParsedArgs& p) {
     ExtractTarget target;
     target.overwrite = p.has("--overwrite");
     if (!openTarget(p.get("-C", "."), target)) return kExitError;
@@ -458,3 +407,48 @@ int cmdExtract(const GlobalOptions& g, const std::vector<std::string>& args) {
     if (g.json && !writeOut(j.text())) return kExitError;
     return status;
 }
+
+}  // namespace
+
+const CommandSpec kListCommand = {
+    "list", "FILE...", 1, kManyOperands,
+    "the attachments of TNEF files, with names, sizes and types",
+    "Lists the attachments of each TNEF file: number, kind (file, ole, message, none), size in\n"
+    "bytes, MIME type and name. Attachments of embedded messages follow their message,\n"
+    "indented. The files are read directly; the store is not used.\n"
+    "\n"
+    "With --json: {\"files\":[{\"file\",\"subject\",\"message_class\",\"code_page\",\"truncated\",\n"
+    "\"trailing_bytes\",\"warnings\",\"attachments\":[{\"index\",\"parent\",\"depth\",\"kind\",\"name\",\n"
+    "\"size\",\"offset\",\"type\",\"source\",\"method\",\"modified\",\"data_cut\",\"content_id\",\n"
+    "\"names\":{\"long_file_name\",\"file_name\",\"transport_name\",\"title\",\"display_name\"}}]}]};\n"
+    "a file that cannot be read has \"error\" instead.",
+    {},
+    cmdList,
+};
+
+const CommandSpec kExtractCommand = {
+    "extract", "FILE...", 1, kManyOperands,
+    "write the attachments into a folder",
+    "Writes the attachments of each TNEF file into DIR (default: the current folder, created\n"
+    "when missing), attachments of embedded messages included. Names are made safe (no\n"
+    "folders, no control bytes, no leading dots) and never replace a file: a taken name\n"
+    "becomes \"name (2).ext\". An attachment without a name is written as \"attachment-N.dat\".\n"
+    "An OLE object is written as its storage, without the 16-byte interface identifier in\n"
+    "front of it. An attachment that the file cuts short is written as far as it goes, and\n"
+    "the exit status is 2.\n"
+    "\n"
+    "With --json: {\"directory\",\"files\":[{\"file\",\"extracted\":[{\"index\",\"kind\",\"name\",\n"
+    "\"path\",\"size\",\"type\"}],\"errors\":[lines],\"error\"}]}; \"error\" when the file could not\n"
+    "be read at all, \"errors\" for attachments that were not written whole.",
+    {
+        {"-C", "DIR", "the folder to write into"},
+        {"--overwrite", nullptr,
+         "replace files that were there before this run (files written by this run are still never replaced)"},
+        {"--embedded", nullptr,
+         "also write each embedded message as a TNEF file of its own (\"<subject>.tnef\"), which this tool reads in turn"},
+        {"--body", nullptr,
+         "also write the message's bodies: message.html, message.txt and message.rtf, each that it has "
+         "(index 0, kind \"body\" in JSON)"},
+    },
+    cmdExtract,
+};

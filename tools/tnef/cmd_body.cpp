@@ -14,25 +14,6 @@
 
 namespace {
 
-constexpr const char* kBodyHelp =
-    "usage: tnef body FILE [--format best|html|text|rtf] [-o OUT]\n"
-    "\n"
-    "Writes the message's body: best (the default) is its HTML when it has any, else its\n"
-    "text; html, text and rtf ask for that kind. HTML and text are UTF-8; HTML encapsulated\n"
-    "in the compressed RTF is given back as the client wrote it. Exit status 1 when the\n"
-    "message has no body of that kind.\n"
-    "\n"
-    "With --json: {\"file\",\"kind\",\"source\",\"bytes\",\"output\",\"warnings\"}; the body goes to OUT\n"
-    "(required with --json).\n";
-
-constexpr const char* kRtfHelp =
-    "usage: tnef rtf FILE [--format rtf|html|text] [-o OUT]\n"
-    "\n"
-    "Reads a file that holds a compressed RTF value (PR_RTF_COMPRESSED, LZFu or MELA) or RTF\n"
-    "itself, and writes the RTF, or the HTML or text encapsulated in it (else its plain text).\n"
-    "\n"
-    "With --json: {\"file\",\"kind\",\"encapsulated\",\"bytes\",\"output\",\"warnings\"}.\n";
-
 constexpr FlagText kRtfDamage[] = {
     {TNEF_RTF_BAD_CRC, "the compressed RTF's checksum is wrong"},
     {TNEF_RTF_CUT, "the compressed RTF is cut short"},
@@ -74,34 +55,13 @@ int deliver(const GlobalOptions& g, const ParsedArgs& p, const std::string& file
                                                                                                   : kExitError;
 }
 
-bool parse(const char* command, const char* help, const std::vector<std::string>& args, ParsedArgs* p, int* status) {
-    if (!parseArgs(command, args, {{"--format", true}, {"-o", true}}, p)) {
-        *status = kExitError;
-        return false;
-    }
-    if (p->help) {
-        *status = printHelp(help);
-        return false;
-    }
-    if (p->operands.size() != 1) {
-        *status = usageError(command, "one FILE is needed");
-        return false;
-    }
-    return true;
-}
-
 int failed(const GlobalOptions& g, const std::string& file, const Escape& e) {
     if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
     reportEscape(file, e);
     return kExitError;
 }
 
-}  // namespace
-
-int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    int status = kExitOk;
-    if (!parse("body", kBodyHelp, args, &p, &status)) return status;
+int cmdBody(const GlobalOptions& g, const ParsedArgs& p) {
     TnefBodyKind want = TNEF_BODY_NONE;
     if (!kindOf(p.get("--format", "best"), &want)) return usageError("body", "--format is best, html, text or rtf");
     if (g.json && !p.has("-o")) return usageError("body", "--json needs -o OUT for the body");
@@ -126,10 +86,7 @@ int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args) {
     }
 }
 
-int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    int status = kExitOk;
-    if (!parse("rtf", kRtfHelp, args, &p, &status)) return status;
+int cmdRtf(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string format = p.get("--format", "rtf");
     if (format != "rtf" && format != "html" && format != "text")
         return usageError("rtf", "--format is rtf, html or text");
@@ -157,3 +114,36 @@ int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args) {
     report["encapsulated"] = d.encapsulated;
     return deliver(g, p, file, d.text, report, flagTexts(flags, kRtfDamage));
 }
+
+}  // namespace
+
+const CommandSpec kBodyCommand = {
+    "body", "FILE", 1, 1,
+    "the message's body: HTML, text or RTF",
+    "Writes the message's body: best (the default) is its HTML when it has any, else its text;\n"
+    "html, text and rtf ask for that kind. HTML and text are UTF-8; HTML encapsulated in the\n"
+    "compressed RTF is given back as the client wrote it. Exit status 1 when the message has no\n"
+    "body of that kind.\n"
+    "\n"
+    "With --json: {\"file\",\"kind\",\"source\",\"bytes\",\"output\",\"warnings\"}; the body goes to OUT\n"
+    "(required with --json).",
+    {
+        {"--format", "best|html|text|rtf", "the kind of body to write"},
+        {"-o", "OUT", "write the body to OUT instead of standard output"},
+    },
+    cmdBody,
+};
+
+const CommandSpec kRtfCommand = {
+    "rtf", "FILE", 1, 1,
+    "RTF out of a compressed RTF value, and what it encapsulates",
+    "Reads a file that holds a compressed RTF value (PR_RTF_COMPRESSED, LZFu or MELA) or RTF\n"
+    "itself, and writes the RTF, or the HTML or text encapsulated in it (else its plain text).\n"
+    "\n"
+    "With --json: {\"file\",\"kind\",\"encapsulated\",\"bytes\",\"output\",\"warnings\"}.",
+    {
+        {"--format", "rtf|html|text", "what to write"},
+        {"-o", "OUT", "write to OUT instead of standard output"},
+    },
+    cmdRtf,
+};

@@ -18,23 +18,6 @@
 
 namespace {
 
-constexpr const char* kDecodeHelp =
-    "usage: tnef decode FILE [--suppress-mapi] [--update-addresses]\n"
-    "\n"
-    "Builds a received message around FILE in the store (under the server home), decodes\n"
-    "the TNEF file into it and saves it, then reports the message: its id, subject, class,\n"
-    "priority, importance, sensitivity, receipt request, reply request, and each part the\n"
-    "decode added (attachments, and the bodies of embedded messages) with its size and\n"
-    "where the store keeps it. 'tnef show ID' shows the message again.\n"
-    "\n"
-    "  --suppress-mapi      store no object file and no property texts with the message\n"
-    "  --update-addresses   rewrite addresses of the local mail node to the local form\n"
-    "\n"
-    "With --json: {\"message\",\"folder\",\"subject\",\"class\",\"priority\",\"importance\",\n"
-    "\"sensitivity\",\"embedded_messages\":[{\"subject\",\"depth\"}],\"receipt\",\n"
-    "\"receipt_code\",\"reply_requested\",\"attachments\":[{\"part\",\"type\",\"name\",\"size\",\n"
-    "\"depth\",\"path\"}]}.\n";
-
 // The first two parts of a received message are its body and the TNEF file itself.
 constexpr uint32_t kFirstAttachmentPart = 3;
 constexpr uint16_t kReceiptDelivery = 4;
@@ -104,14 +87,7 @@ int reported(const DecodeResult& r, bool written) {
     return kExitError;
 }
 
-}  // namespace
-
-int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("decode", args, {{"--suppress-mapi", false}, {"--update-addresses", false}}, &p))
-        return kExitError;
-    if (p.help) return printHelp(kDecodeHelp);
-    if (p.operands.size() != 1) return usageError("decode", "one FILE wanted");
+int cmdDecode(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string& path = p.operands.front();
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
@@ -139,3 +115,24 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
     j.endObject();
     return reported(r, writeOut(j.text()));
 }
+
+}  // namespace
+
+const CommandSpec kDecodeCommand = {
+    "decode", "FILE", 1, 1,
+    "decode a TNEF file into a new message of the store",
+    "Builds a received message around FILE in the store (under the server home), decodes the\n"
+    "TNEF file into it and saves it, then reports the message: its id, subject, class, priority,\n"
+    "importance, sensitivity, receipt request, reply request, and each part the decode added\n"
+    "(attachments, and the bodies of embedded messages) with its size and where the store keeps\n"
+    "it. 'tnefx show ID' shows the message again.\n"
+    "\n"
+    "With --json: {\"message\",\"folder\",\"subject\",\"class\",\"priority\",\"importance\",\"sensitivity\",\n"
+    "\"embedded_messages\":[{\"subject\",\"depth\"}],\"receipt\",\"receipt_code\",\"reply_requested\",\n"
+    "\"attachments\":[{\"part\",\"type\",\"name\",\"size\",\"depth\",\"path\"}]}.",
+    {
+        {"--suppress-mapi", nullptr, "store no object file and no property texts with the message"},
+        {"--update-addresses", nullptr, "rewrite addresses of the local mail node to the local form"},
+    },
+    cmdDecode,
+};

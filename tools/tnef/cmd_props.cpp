@@ -13,21 +13,6 @@
 
 namespace {
 
-constexpr const char* kPropsHelp =
-    "usage: tnef props FILE [--attachments] [--recipients]\n"
-    "\n"
-    "Prints every MAPI property of the message, one per line:\n"
-    "  PR_SUBJECT (0x0037001F, PT_UNICODE) = \"Quarterly report\"\n"
-    "named properties as {PSETID_Appointment}/0x8205 PidLidBusyStatus, times in ISO 8601\n"
-    "UTC, binaries in hex (long ones cut, with their length).\n"
-    "\n"
-    "  --attachments     each attachment's properties too\n"
-    "  --recipients      each recipient's properties too\n"
-    "\n"
-    "With --json: {\"file\",\"properties\":[{\"tag\",\"name\",\"type\",\"set\",\"id\" or\n"
-    "\"string_id\",\"value\"}],\"attachments\":[[...]],\"recipients\":[[...]],\"warnings\":[...]}.\n";
-
-
 constexpr FlagText kDamage[] = {
     {TNEF_READ_TRUNCATED, "the file ends inside a record"},
     {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
@@ -88,14 +73,7 @@ int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMe
     return writeOut(out) ? kExitOk : kExitError;
 }
 
-}  // namespace
-
-int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs parsed;
-    if (!parseArgs("props", args, {{"--attachments", false}, {"--recipients", false}}, &parsed))
-        return kExitError;
-    if (parsed.help) return printHelp(kPropsHelp);
-    if (parsed.operands.size() != 1) return usageError("props", "one FILE is needed");
+int cmdProps(const GlobalOptions& g, const ParsedArgs& parsed) {
     const std::string& file = parsed.operands[0];
     const int fd = openInput(file);
     if (fd < 0) return kExitError;
@@ -113,3 +91,22 @@ int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args) {
     ::close(fd);
     return status;
 }
+
+}  // namespace
+
+const CommandSpec kPropsCommand = {
+    "props", "FILE", 1, 1,
+    "every MAPI property of a TNEF file, readable",
+    "Prints every MAPI property of the message, one per line:\n"
+    "  PR_SUBJECT (0x0037001F, PT_UNICODE) = \"Quarterly report\"\n"
+    "named properties as {PSETID_Appointment}/0x8205 PidLidBusyStatus, times in ISO 8601 UTC,\n"
+    "binaries in hex (long ones cut, with their length).\n"
+    "\n"
+    "With --json: {\"file\",\"properties\":[{\"tag\",\"name\",\"type\",\"set\",\"id\" or \"string_id\",\"value\"}],\n"
+    "\"attachments\":[[...]],\"recipients\":[[...]],\"warnings\":[...]}.",
+    {
+        {"--attachments", nullptr, "each attachment's properties too"},
+        {"--recipients", nullptr, "each recipient's properties too"},
+    },
+    cmdProps,
+};

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -30,63 +28,6 @@ std::string ParsedArgs::get(std::string_view name, std::string_view fallback) co
 }
 
 namespace {
-
-// The first argument that looks like an option the command does not know, for the report.
-std::string unknownOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
-    for (const std::string& arg : args) {
-        if (arg == "--") break;
-        const std::string name = arg.substr(0, arg.find('='));
-        if (arg.size() < 2 || arg[0] != '-' || name == "-h" || name == "--help") continue;
-        if (std::none_of(known.begin(), known.end(), [&](const OptionInfo& o) { return name == o.name; }))
-            return name;
-    }
-    return {};
-}
-
-// The option given last without the value it needs.
-std::string missingValueOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
-    for (const OptionInfo& o : known)
-        if (o.takesValue && !args.empty() && args.back() == o.name) return o.name;
-    return args.empty() ? std::string() : args.back();
-}
-
-}  // namespace
-
-// The command's own options are declared to CLI11, which parses them; its faults are
-// reported in the tool's one-line form.
-bool parseArgs(const std::string& command, const std::vector<std::string>& args,
-               const std::vector<OptionInfo>& known, ParsedArgs* parsed) {
-    CLI::App app{"", command};
-    app.set_help_flag();
-    app.add_flag("-h,--help", parsed->help);
-    for (const OptionInfo& o : known) {
-        const std::string name = o.name;
-        if (o.takesValue)
-            app.add_option_function<std::vector<std::string>>(
-                   name, [parsed, name](const std::vector<std::string>& values) {
-                       for (const std::string& v : values) parsed->options.emplace_back(name, v);
-                   })
-                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-                ->allow_extra_args(false);
-        else
-            app.add_flag_callback(name, [parsed, name] { parsed->options.emplace_back(name, ""); });
-    }
-    app.add_option("operands", parsed->operands);
-    std::vector<std::string> reversed(args.rbegin(), args.rend());
-    try {
-        app.parse(reversed);
-    } catch (const CLI::ArgumentMismatch&) {
-        usageError(command, "option '" + missingValueOption(args, known) + "' needs a value");
-        return false;
-    } catch (const CLI::ParseError& e) {
-        const std::string unknown = unknownOption(args, known);
-        usageError(command, unknown.empty() ? std::string(e.what()) : "unknown option '" + unknown + "'");
-        return false;
-    }
-    return true;
-}
-
-namespace {
 // What the run has said: the last fault reported, and whether stdout got anything, so that
 // a --json run that failed before writing its report still writes a JSON document.
 std::string lastFault;
@@ -98,7 +39,7 @@ bool tool_WroteOut() { return wroteOut; }
 
 void reportError(std::string_view subject, std::string_view what) {
     lastFault = subject.empty() ? std::string(what) : std::string(subject) + ": " + std::string(what);
-    std::string line = "tnef: ";
+    std::string line = std::string(kToolName) + ": ";
     if (!subject.empty()) {
         line += subject;
         line += ": ";
@@ -276,13 +217,9 @@ std::string readableText(std::string_view text) {
     return readable(text, true);
 }
 
-int printHelp(std::string_view text) {
-    writeOut(text);
-    return kExitOk;
-}
-
 int usageError(const std::string& command, std::string_view what) {
-    const std::string help = command.empty() ? "tnef --help" : "tnef " + command + " --help";
+    const std::string tool = kToolName;
+    const std::string help = command.empty() ? tool + " --help" : tool + " " + command + " --help";
     reportError(command, std::string(what) + " (see '" + help + "')");
     return kExitError;
 }
