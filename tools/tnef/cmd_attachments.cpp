@@ -68,13 +68,13 @@ std::string typeOf(const TnefAttachInfo& a) {
     return guessMimeType(nameOf(a));
 }
 
-// What is odd about a file, for the report. Trailing bytes are not among them: mail
-// systems leave a line end after the stream often enough that it says nothing.
+// What is odd about a file, for the report.
 std::vector<std::string> warningsOf(const TnefAttachList& list) {
     std::vector<std::string> w;
     if (list.flags & TNEF_LIST_TRUNCATED) w.push_back("the stream ends inside a record");
     if (list.flags & TNEF_LIST_NO_RECORDS) w.push_back("the file holds no record");
     if (list.flags & TNEF_LIST_BAD_CHECKSUM) w.push_back("a record's checksum is wrong");
+    if (list.flags & TNEF_LIST_TRAILING) w.push_back("bytes too few for a record follow the last record");
     if (list.flags & TNEF_LIST_BAD_PROPS)
         w.push_back("an attachment's properties could not be read to the end");
     if (list.flags & TNEF_LIST_TOO_MANY)
@@ -86,9 +86,10 @@ std::vector<std::string> warningsOf(const TnefAttachList& list) {
     return w;
 }
 
-// Opens and lists path; on failure reports it, sets *error and returns false.
-bool listFile(const std::string& path, int* fd, TnefAttachList* list, std::string* error) {
-    *fd = openInput(path, error);
+// Opens and lists path (standard input read once already is reopened at spooled); on
+// failure reports it, sets *error and returns false.
+bool listFile(const std::string& path, int* fd, TnefAttachList* list, std::string* error, int spooled = -1) {
+    *fd = path == "-" && spooled >= 0 ? ::dup(spooled) : openInput(path, error);
     if (*fd < 0) return false;
     try {
         tnef_ListAttachments(*fd, list);
@@ -215,6 +216,7 @@ struct FileResult {
     std::deque<TnefAttachInfo> bodies;  // what the bodies written are listed as
     std::vector<Extracted> done;
     std::vector<std::string> errors;
+    std::vector<std::string> warnings;
     std::string error;
 };
 
@@ -317,10 +319,13 @@ bool openTarget(const std::string& dir, ExtractTarget& t) {
 // embedded message is what its own attachments are in: those are what a reader wants, so
 // they are written and the message itself only on request.
 bool extractFile(ExtractTarget& target, const std::string& path, bool embedded, bool bodies,
-                 TnefAttachList& list, FileResult& r) {
+                 TnefAttachList& list, FileResult& r, int spooled, bool weighed) {
     int fd = -1;
-    if (!listFile(path, &fd, &list, &r.error)) return false;
-    for (const std::string& w : warningsOf(list)) reportError(path, "warning: " + w);
+    if (!listFile(path, &fd, &list, &r.error, spooled)) return false;
+    r.warnings = warningsOf(list);
+    // Under --strict the warnings were reported by the first pass.
+    if (!weighed)
+        for (const std::string& w : r.warnings) reportError(path, "warning: " + w);
     bool ok = !bodies || extractBodies(target, fd, path, r);
     for (const TnefAttachInfo& a : list.attachments) {
         if (a.kind == TNEF_ATTACH_NONE || (a.kind == TNEF_ATTACH_MESSAGE && !embedded)) continue;
@@ -352,11 +357,14 @@ void jsonExtracted(JsonWriter& j, const std::string& path, const FileResult& r) 
             .endObject();
     j.endArray().key("errors").beginArray();
     for (const std::string& e : r.errors) j.value(e);
+    j.endArray().key("warnings").beginArray();
+    for (const std::string& w : r.warnings) j.value(w);
     j.endArray().endObject();
 }
 
 int cmdList(const GlobalOptions& g, const ParsedArgs& p) {
     int status = kExitOk;
+    std::string text;
     JsonWriter j;
     j.beginObject().key("files").beginArray();
     for (const std::string& path : p.operands) {
@@ -369,25 +377,100 @@ int cmdList(const GlobalOptions& g, const ParsedArgs& p) {
             continue;
         }
         ::close(fd);
-        for (const std::string& w : warningsOf(list)) reportError(path, "warning: " + w);
+        if (!passWarnings(g, path, warningsOf(list))) return kExitError;
         if (g.json) {
             jsonList(j, path, list);
             continue;
         }
-        std::string out;
-        if (p.operands.size() > 1) out += path + ":\n";
-        for (const TnefAttachInfo& a : list.attachments) out += listLine(a);
-        if (!writeOut(out)) return kExitError;
+        if (p.operands.size() > 1) text += path + ":\n";
+        for (const TnefAttachInfo& a : list.attachments) text += listLine(a);
+        // Under --strict nothing is written until every file has been weighed.
+        if (!g.strict && !writeOut(text)) return kExitError;
+        if (!g.strict) text.clear();
     }
     j.endArray().endObject();
-    if (g.json && !writeOut(j.text())) return kExitError;
+    if (!writeOut(g.json ? j.text() : text)) return kExitError;
+    return status;
+}
+
+// --strict: every file is listed and weighed before the first byte is written. Standard input
+// cannot be read twice, so its spooled copy is kept open (*spooled) for the writing pass.
+bool weighFiles(const GlobalOptions& g, const ParsedArgs& p, int* spooled) {
+    bool ok = true;
+    for (const std::string& path : p.operands) {
+        TnefAttachList list;
+        int fd = -1;
+        std::string error;
+        if (!listFile(path, &fd, &list, &error, *spooled)) return false;
+        ok = passWarnings(g, path, warningsOf(list)) && ok;
+        if (path == "-" && *spooled < 0)
+            *spooled = fd;
+        else
+            ::close(fd);
+    }
+    return ok;
+}
+
+// The attachment --stdout writes: the one --index names, else the file's only attachment
+// with data (an embedded message counts only with --embedded).
+const TnefAttachInfo* chooseOne(const ParsedArgs& p, const TnefAttachList& list, std::string* why) {
+    const bool embedded = p.has("--embedded");
+    std::vector<const TnefAttachInfo*> candidates;
+    for (const TnefAttachInfo& a : list.attachments) {
+        if (p.has("--index") && std::to_string(a.index) == p.get("--index")) return &a;
+        if (a.kind == TNEF_ATTACH_FILE || a.kind == TNEF_ATTACH_OLE || (embedded && a.kind == TNEF_ATTACH_MESSAGE))
+            candidates.push_back(&a);
+    }
+    if (p.has("--index"))
+        *why = "no attachment " + p.get("--index") + " (see 'tnefx list')";
+    else if (candidates.size() != 1)
+        *why = std::to_string(candidates.size()) + " attachments; choose one with --index N (see 'tnefx list')";
+    return candidates.size() == 1 && !p.has("--index") ? candidates[0] : nullptr;
+}
+
+// extract --stdout: one attachment's bytes to standard output, for a pipeline.
+int extractToStdout(const GlobalOptions& g, const ParsedArgs& p) {
+    if (p.operands.size() != 1) return usageError("extract", "--stdout takes one FILE");
+    if (g.json) return usageError("extract", "--stdout and --json both want standard output");
+    const std::string& path = p.operands[0];
+    TnefAttachList list;
+    int fd = -1;
+    std::string error;
+    if (!listFile(path, &fd, &list, &error)) return kExitError;
+    std::string why;
+    const TnefAttachInfo* a = chooseOne(p, list, &why);
+    int status = kExitError;
+    if (a == nullptr) {
+        reportError(path, why);
+    } else if (passWarnings(g, path, warningsOf(list))) {
+        try {
+            tnef_CopyAttachment(fd, a, STDOUT_FILENO);
+            status = kExitOk;
+            if (a->flags & TNEF_ATTACH_DATA_CUT) {
+                reportError(path, "attachment " + std::to_string(a->index) + " is cut short");
+                status = kExitError;
+            }
+        } catch (const Escape& e) {
+            reportError("standard output", escapeLine(e));
+        }
+    }
+    ::close(fd);
     return status;
 }
 
 int cmdExtract(const GlobalOptions& g, const ParsedArgs& p) {
+    if (p.has("--stdout")) return extractToStdout(g, p);
+    int spooled = -1;
+    if (g.strict && !weighFiles(g, p, &spooled)) {
+        if (spooled >= 0) ::close(spooled);
+        return kExitError;
+    }
     ExtractTarget target;
     target.overwrite = p.has("--overwrite");
-    if (!openTarget(p.get("-C", "."), target)) return kExitError;
+    if (!openTarget(p.get("-C", "."), target)) {
+        if (spooled >= 0) ::close(spooled);
+        return kExitError;
+    }
     const bool embedded = p.has("--embedded");
 
     int status = kExitOk;
@@ -396,13 +479,14 @@ int cmdExtract(const GlobalOptions& g, const ParsedArgs& p) {
     for (const std::string& path : p.operands) {
         TnefAttachList list;  // the results point into it
         FileResult r;
-        if (!extractFile(target, path, embedded, p.has("--body"), list, r)) status = kExitError;
+        if (!extractFile(target, path, embedded, p.has("--body"), list, r, spooled, g.strict)) status = kExitError;
         if (g.json)
             jsonExtracted(j, path, r);
         else if (!writeOut(renderExtracted(r)))
             status = kExitError;
     }
     ::close(target.dirFd);
+    if (spooled >= 0) ::close(spooled);
     j.endArray().endObject();
     if (g.json && !writeOut(j.text())) return kExitError;
     return status;
@@ -446,6 +530,9 @@ const CommandSpec kExtractCommand = {
          "replace files that were there before this run (files written by this run are still never replaced)"},
         {"--embedded", nullptr,
          "also write each embedded message as a TNEF file of its own (\"<subject>.tnef\"), which this tool reads in turn"},
+        {"--stdout", nullptr,
+         "write one attachment's bytes to standard output instead: the file's only attachment, or the one --index names"},
+        {"--index", "N", "the attachment --stdout writes, numbered as list numbers them"},
         {"--body", nullptr,
          "also write the message's bodies: message.html, message.txt and message.rtf, each that it has "
          "(index 0, kind \"body\" in JSON)"},

@@ -32,6 +32,13 @@ bool kindOf(const std::string& format, TnefBodyKind* kind) {
     return false;
 }
 
+// The stream's damage and the compressed RTF's, together.
+std::vector<std::string> bodyWarnings(uint32_t readFlags, uint32_t rtfFlags) {
+    std::vector<std::string> warnings = readWarnings(readFlags);
+    for (std::string& w : flagTexts(rtfFlags, kRtfDamage)) warnings.push_back(std::move(w));
+    return warnings;
+}
+
 const char* kindName(TnefBodyKind kind) {
     switch (kind) {
         case TNEF_BODY_HTML: return "html";
@@ -44,7 +51,7 @@ const char* kindName(TnefBodyKind kind) {
 // The body to OUT or stdout, and the report; the exit status.
 int deliver(const GlobalOptions& g, const ParsedArgs& p, const std::string& file, const std::string& bytes,
             nlohmann::json report, const std::vector<std::string>& warnings) {
-    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    if (!passWarnings(g, file, warnings)) return kExitError;
     const bool toFile = p.has("-o");
     if (toFile && !writeWholeFile(p.get("-o"), bytes)) return kExitError;
     if (!g.json) return toFile || writeOut(bytes) ? kExitOk : kExitError;
@@ -79,7 +86,7 @@ int cmdBody(const GlobalOptions& g, const ParsedArgs& p) {
         }
         return deliver(g, p, file, body.text,
                        {{"file", file}, {"kind", kindName(body.kind)}, {"source", body.source}},
-                       flagTexts(body.rtfFlags, kRtfDamage));
+                       bodyWarnings(view.flags, body.rtfFlags));
     } catch (const Escape& e) {
         ::close(fd);
         return failed(g, file, e);

@@ -53,7 +53,7 @@ std::string renderGetprop(const ParsedArgs& p, const Texts& t) {
 }
 
 std::string jsonGetprop(const ParsedArgs& p, const std::string& request, int found,
-                        const Texts& t) {
+                        const Texts& t, const std::vector<std::string>& warnings) {
     JsonWriter j;
     j.beginObject()
         .field("file", p.operands[0])
@@ -71,7 +71,9 @@ std::string jsonGetprop(const ParsedArgs& p, const std::string& request, int fou
         j.key("recipients");
         jsonBlobText(j, viewOf(t.recips), true);
     }
-    j.endObject();
+    j.key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
+    j.endArray().endObject();
     return j.text();
 }
 
@@ -149,7 +151,8 @@ int cmdGetprop(const GlobalOptions& g, const ParsedArgs& p) {
                                          "a published property name");
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
-    if (!checkTnefSignature(fd, path)) {
+    std::vector<std::string> warnings;
+    if (!checkTnefSignature(fd, path) || !weighStream(g, fd, path, &warnings)) {
         ::close(fd);
         return kExitError;
     }
@@ -177,7 +180,7 @@ int cmdGetprop(const GlobalOptions& g, const ParsedArgs& p) {
     if (!writeTextFile(p, "-o", t.props) || !writeTextFile(p, "--attach-out", t.attach) ||
         !writeTextFile(p, "--recips-out", t.recips))
         return kExitError;
-    const std::string out = g.json ? jsonGetprop(p, request, found, t) : renderGetprop(p, t);
+    const std::string out = g.json ? jsonGetprop(p, request, found, t, warnings) : renderGetprop(p, t);
     if (!writeOut(out)) return kExitError;
     return found == 1 ? kExitOk : kExitNotFound;
 }

@@ -13,17 +13,6 @@
 
 namespace {
 
-constexpr FlagText kDamage[] = {
-    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
-    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
-    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
-    {TNEF_READ_NO_RECORDS, "the file holds no record"},
-    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
-    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
-    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
-    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
-};
-
 nlohmann::json listJson(int fd, const std::vector<TnefPropEntry>& entries) {
     nlohmann::json list = nlohmann::json::array();
     for (const TnefPropEntry& e : entries) list.push_back(propJson(fd, e));
@@ -56,7 +45,8 @@ struct PropsRequest {
 
 int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMessageView& v,
            const PropsRequest& r) {
-    const std::vector<std::string> warnings = flagTexts(v.flags, kDamage);
+    const std::vector<std::string> warnings = readWarnings(v.flags);
+    if (!passWarnings(g, file, warnings)) return kExitError;
     if (g.json) {
         nlohmann::json j = {{"file", file}, {"properties", listJson(fd, v.properties)}};
         if (r.attachments) j["attachments"] = tablesJson(fd, v.attachmentProperties);
@@ -66,7 +56,6 @@ int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMe
                    ? kExitOk
                    : kExitError;
     }
-    for (const std::string& w : warnings) reportError(file, "warning: " + w);
     std::string out = listText(fd, v.properties, "");
     if (r.recipients) out += tablesText(fd, "recipient", v.recipients);
     if (r.attachments) out += tablesText(fd, "attachment", v.attachmentProperties);

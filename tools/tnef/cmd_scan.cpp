@@ -74,7 +74,7 @@ bool runScan(int fd, const std::string& path, uint32_t wanted, bool collect, Sca
 }
 
 std::string jsonScan(const std::string& path, const ParsedArgs& p, uint32_t wanted,
-                     const ScanResult& r) {
+                     const ScanResult& r, const std::vector<std::string>& warnings) {
     JsonWriter j;
     j.beginObject().field("file", path);
     if (p.has("--want"))
@@ -96,6 +96,8 @@ std::string jsonScan(const std::string& path, const ParsedArgs& p, uint32_t want
             .field("file_name", a->fileName != nullptr ? a->fileName : "")
             .field("has_data", a->hasData != 0)
             .endObject();
+    j.endArray().key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
     j.endArray().endObject();
     return j.text();
 }
@@ -117,10 +119,12 @@ int cmdScan(const GlobalOptions& g, const ParsedArgs& p) {
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
     ScanResult r;
-    const bool ok = checkTnefSignature(fd, path) && runScan(fd, path, wanted, g.json, &r);
+    std::vector<std::string> warnings;
+    const bool ok = checkTnefSignature(fd, path) && weighStream(g, fd, path, &warnings) &&
+                    runScan(fd, path, wanted, g.json, &r);
     ::close(fd);
     if (!ok) return kExitError;
-    if (!writeOut(g.json ? jsonScan(path, p, wanted, r) : renderScan(p, r))) return kExitError;
+    if (!writeOut(g.json ? jsonScan(path, p, wanted, r, warnings) : renderScan(p, r))) return kExitError;
     return !p.has("--want") || r.found == 1 ? kExitOk : kExitNotFound;
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "tnef/platform/er_escape.h"
+#include "tnef/tnef_reader.h"
 
 bool ParsedArgs::has(std::string_view name) const {
     for (const auto& [n, v] : options)
@@ -270,4 +271,50 @@ bool isMessageId(const std::string& id) {
     for (char c : id)
         if (!std::isdigit(static_cast<unsigned char>(c)) && (c < 'a' || c > 'f')) return false;
     return true;
+}
+
+namespace {
+
+constexpr FlagText kReadDamage[] = {
+    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
+    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
+    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
+    {TNEF_READ_NO_RECORDS, "the file holds no record"},
+    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
+    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
+    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
+    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
+};
+
+}  // namespace
+
+std::vector<std::string> readWarnings(uint32_t readFlags) {
+    return flagTexts(readFlags, kReadDamage);
+}
+
+uint32_t recordFlags(int fd) {
+    TnefRecordCursor records;
+    tnef_OpenRecords(&records, fd);
+    TnefRecord record;
+    while (tnef_NextRecord(&records, &record)) {
+    }
+    return records.flags;
+}
+
+bool passWarnings(const GlobalOptions& g, const std::string& file, const std::vector<std::string>& warnings) {
+    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    if (!g.strict || warnings.empty()) return true;
+    reportError(file, "--strict: stopped on " + std::to_string(warnings.size()) +
+                          (warnings.size() == 1 ? " warning" : " warnings") + "; nothing written");
+    return false;
+}
+
+bool weighStream(const GlobalOptions& g, int fd, const std::string& file, std::vector<std::string>* warnings) {
+    try {
+        *warnings = readWarnings(recordFlags(fd));
+    } catch (const Escape& e) {
+        reportEscape(file, e);
+        return false;
+    }
+    return passWarnings(g, file, *warnings);
 }

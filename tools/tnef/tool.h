@@ -126,6 +126,19 @@ std::vector<std::string> flagTexts(uint32_t flags, const FlagText (&table)[N]) {
     return out;
 }
 
+// What the reader's damage flags (TNEF_READ_) mean, as warnings.
+std::vector<std::string> readWarnings(uint32_t readFlags);
+// The damage flags of the records of the TNEF file on fd, from one pass over them (the
+// checksums summed); escapes as tnef_OpenRecords.
+uint32_t recordFlags(int fd);
+// Reports each warning about file on stderr. With --strict a warning is an error: then it says
+// so and returns false, and the command stops before it writes anything.
+bool passWarnings(const GlobalOptions& g, const std::string& file, const std::vector<std::string>& warnings);
+
+// recordFlags and passWarnings for a command that reads the file its own way: false when the
+// file cannot be read (reported) or --strict stops on its warnings.
+bool weighStream(const GlobalOptions& g, int fd, const std::string& file, std::vector<std::string>* warnings);
+
 // A command-line fault: one line naming the command, and exit status 2.
 int usageError(const std::string& command, std::string_view what);
 
