@@ -15,6 +15,8 @@ libbenchmark-dev
 nlohmann-json3-dev
 libcli11-dev
 libssl-dev
+help2man
+pkg-config
 "
 for pkg in $pkgs; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"
