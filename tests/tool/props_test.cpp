@@ -206,3 +206,18 @@ TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {
     }
     EXPECT_GT(compared, 200u);
 }
+
+// extract of many files shows its progress on a terminal only, and not with --quiet.
+TEST(ToolProgress, OnlyOnATerminalAndNotWhenQuiet) {
+    TestHome home;
+    const std::string tool = TNEF_TOOL_PATH;
+    auto onTerminal = [&](const std::string& options, const std::string& dir) {
+        const std::string command = "'" + tool + "' " + options + " extract '" + samplePath() + "' '" +
+                                    samplePath() + "' -C '" + home.file(dir) + "'";
+        return runProgram("/usr/bin/script", {"-qec", command, "/dev/null"}, home.path());
+    };
+    EXPECT_NE(onTerminal("", "a").out.find("2/2 files"), std::string::npos);
+    EXPECT_EQ(onTerminal("--quiet", "b").out.find("files,"), std::string::npos);
+    const ToolRun piped = runTool({"extract", samplePath(), samplePath(), "-C", home.file("c")}, home.path());
+    EXPECT_EQ(piped.err, "");
+}

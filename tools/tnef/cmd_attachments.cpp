@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <chrono>
 #include <deque>
 #include <set>
 #include <string>
@@ -428,6 +429,36 @@ const TnefAttachInfo* chooseOne(const ParsedArgs& p, const TnefAttachList& list,
     return candidates.size() == 1 && !p.has("--index") ? candidates[0] : nullptr;
 }
 
+// A line on the terminal while many files are extracted: files done, bytes written, rate. Only
+// on a terminal, never with --quiet; cleared before each report line so the two never mix.
+class Progress {
+  public:
+    Progress(const GlobalOptions& g, size_t files)
+        : on_(!g.quiet && !g.json && files > 1 && ::isatty(STDERR_FILENO) == 1), files_(files),
+          start_(std::chrono::steady_clock::now()) {}
+    ~Progress() { clear(); }
+
+    void clear() const {
+        if (on_) std::fputs("\r\x1b[K", stderr);
+    }
+    void fileDone(const FileResult& r) {
+        ++done_;
+        for (const Extracted& e : r.done) bytes_ += e.attachment->dataLength;
+        if (!on_) return;
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+        std::fprintf(stderr, "\r%zu/%zu files, %.1f MiB, %.1f MiB/s\x1b[K", done_, files_, bytes_ / 1048576.0,
+                     seconds > 0 ? bytes_ / 1048576.0 / seconds : 0.0);
+    }
+
+  private:
+    bool on_;
+    size_t files_;
+    size_t done_ = 0;
+    uint64_t bytes_ = 0;
+    std::chrono::steady_clock::time_point start_;
+};
+
 // extract --stdout: one attachment's bytes to standard output, for a pipeline.
 int extractToStdout(const GlobalOptions& g, const ParsedArgs& p) {
     if (p.operands.size() != 1) return usageError("extract", "--stdout takes one FILE");
@@ -476,15 +507,19 @@ int cmdExtract(const GlobalOptions& g, const ParsedArgs& p) {
     int status = kExitOk;
     JsonWriter j;
     j.beginObject().field("directory", target.dir).key("files").beginArray();
+    Progress progress(g, p.operands.size());
     for (const std::string& path : p.operands) {
         TnefAttachList list;  // the results point into it
         FileResult r;
+        progress.clear();
         if (!extractFile(target, path, embedded, p.has("--body"), list, r, spooled, g.strict)) status = kExitError;
         if (g.json)
             jsonExtracted(j, path, r);
         else if (!writeOut(renderExtracted(r)))
             status = kExitError;
+        progress.fileDone(r);
     }
+    progress.clear();
     ::close(target.dirFd);
     if (spooled >= 0) ::close(spooled);
     j.endArray().endObject();
