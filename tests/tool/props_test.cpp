@@ -124,6 +124,11 @@ TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
     const ToolRun extract = runTool({"extract", "--body", samplePath(), "-C", home.file("out")}, home.path());
     EXPECT_EQ(extract.status, 0) << extract.err;
     EXPECT_EQ(readFileBytes(home.file("out/message.txt")), body.out);
+    // list names the bodies first, as extract --body lists what it wrote.
+    EXPECT_NE(runTool({"list", samplePath()}, home.path()).out.find("   0  body            50  text/plain"),
+              std::string::npos);
+    const Json listed = Json::parse(runTool({"--json", "list", samplePath()}, home.path()).out);
+    EXPECT_EQ(listed["files"][0]["bodies"], Json::parse(R"([{"kind":"text","source":"PR_BODY","size":50}])"));
 
     home.write("value.bin", tnef_CompressRtf("{\\rtf1\\ansi\\fromtext caf\\'e9\\par}"));
     const ToolRun rtf = runTool({"rtf", home.file("value.bin"), "--format", "text"}, home.path());

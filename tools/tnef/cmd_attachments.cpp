@@ -106,6 +106,43 @@ bool listFile(const std::string& path, int* fd, TnefAttachList* list, std::strin
 
 // ---- list ----------------------------------------------------------------------------------
 
+// The bodies a message can have, as extract --body writes them.
+struct BodyKind {
+    TnefBodyKind kind;
+    const char* kindName;
+    const char* name;
+    const char* type;
+};
+constexpr BodyKind kBodies[] = {{TNEF_BODY_HTML, "html", "message.html", "text/html"},
+                                {TNEF_BODY_TEXT, "text", "message.txt", "text/plain"},
+                                {TNEF_BODY_RTF, "rtf", "message.rtf", "application/rtf"}};
+
+struct FoundBody {
+    const BodyKind* kind;
+    TnefBody body;
+};
+
+// Each body the message of the TNEF file on fd has, in the table's order. Escapes as the
+// reader's.
+std::vector<FoundBody> bodiesOf(int fd) {
+    TnefMessageView view;
+    tnef_ReadMessage(fd, &view);
+    std::vector<FoundBody> found;
+    for (const BodyKind& b : kBodies) {
+        TnefBody body = tnef_MessageBody(fd, view, b.kind);
+        if (body.kind != TNEF_BODY_NONE) found.push_back({&b, std::move(body)});
+    }
+    return found;
+}
+
+std::string bodyLine(const FoundBody& f) {
+    char head[64];
+    std::snprintf(head, sizeof head, "%4u  %-7s %10zu  ", 0u, "body", f.body.text.size());
+    std::string line = head + std::string(f.kind->type);
+    line.resize(std::max<size_t>(line.size() + 2, 60), ' ');
+    return line + f.kind->name + "  (" + f.body.source + ")\n";
+}
+
 std::string listLine(const TnefAttachInfo& a) {
     char head[64];
     std::snprintf(head, sizeof head, "%4u  %-7s %10" PRIu64 "  ", a.index, kindName(a.kind),
@@ -143,7 +180,8 @@ void jsonAttachment(JsonWriter& j, const TnefAttachInfo& a) {
     j.endObject();
 }
 
-void jsonList(JsonWriter& j, const std::string& path, const TnefAttachList& list) {
+void jsonList(JsonWriter& j, const std::string& path, const TnefAttachList& list,
+              const std::vector<std::string>& warnings, const std::vector<FoundBody>& bodies) {
     j.beginObject()
         .field("file", path)
         .field("subject", list.subject)
@@ -152,7 +190,14 @@ void jsonList(JsonWriter& j, const std::string& path, const TnefAttachList& list
         .field("truncated", (list.flags & TNEF_LIST_TRUNCATED) != 0)
         .field("trailing_bytes", (list.flags & TNEF_LIST_TRAILING) != 0);
     j.key("warnings").beginArray();
-    for (const std::string& w : warningsOf(list)) j.value(w);
+    for (const std::string& w : warnings) j.value(w);
+    j.endArray().key("bodies").beginArray();
+    for (const FoundBody& b : bodies)
+        j.beginObject()
+            .field("kind", b.kind->kindName)
+            .field("source", b.body.source)
+            .field("size", static_cast<uint64_t>(b.body.text.size()))
+            .endObject();
     j.endArray();
     j.key("attachments").beginArray();
     for (const TnefAttachInfo& a : list.attachments) jsonAttachment(j, a);
@@ -266,23 +311,16 @@ bool extractOne(ExtractTarget& t, int inFd, const std::string& file, const TnefA
 
 // Writes the message's HTML, text and RTF bodies, each it has, as message.html, .txt, .rtf.
 bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResult& r) {
-    static constexpr struct { TnefBodyKind kind; const char* name; const char* type; } kBodies[] = {
-        {TNEF_BODY_HTML, "message.html", "text/html"},
-        {TNEF_BODY_TEXT, "message.txt", "text/plain"},
-        {TNEF_BODY_RTF, "message.rtf", "application/rtf"}};
     bool ok = true;
     try {
-        TnefMessageView view;
-        tnef_ReadMessage(inFd, &view);
-        for (const auto& b : kBodies) {
-            const TnefBody body = tnef_MessageBody(inFd, view, b.kind);
-            if (body.kind == TNEF_BODY_NONE) continue;
+        for (const FoundBody& f : bodiesOf(inFd)) {
+            const std::string& text = f.body.text;
             std::string chosen;
             int err = 0;
-            const int outFd = createOutput(t, b.name, &chosen, &err);
+            const int outFd = createOutput(t, f.kind->name, &chosen, &err);
             const std::string path = t.dir + "/" + chosen;
-            const bool written = outFd >= 0 && ::write(outFd, body.text.data(), body.text.size()) ==
-                                                   static_cast<ssize_t>(body.text.size());
+            const bool written =
+                outFd >= 0 && ::write(outFd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
             if (outFd >= 0 && !written) err = errno;
             if (outFd >= 0 && ::close(outFd) != 0 && written) err = errno;
             if (!written || err != 0) {
@@ -292,9 +330,9 @@ bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResu
             }
             TnefAttachInfo& info = r.bodies.emplace_back();
             info.kind = kKindBody;
-            info.longFileName = b.name;
-            info.mimeTag = b.type;
-            info.dataLength = body.text.size();
+            info.longFileName = f.kind->name;
+            info.mimeTag = f.kind->type;
+            info.dataLength = text.size();
             r.done.push_back({&info, path});
         }
     } catch (const Escape& e) {
@@ -377,13 +415,21 @@ int cmdList(const GlobalOptions& g, const ParsedArgs& p) {
             if (g.json) j.beginObject().field("file", path).field("error", error).endObject();
             continue;
         }
+        std::vector<std::string> warnings = warningsOf(list);
+        std::vector<FoundBody> bodies;
+        try {
+            bodies = bodiesOf(fd);
+        } catch (const Escape& e) {
+            warnings.push_back("the bodies could not be read: " + escapeLine(e));
+        }
         ::close(fd);
-        if (!passWarnings(g, path, warningsOf(list))) return kExitError;
+        if (!passWarnings(g, path, warnings)) return kExitError;
         if (g.json) {
-            jsonList(j, path, list);
+            jsonList(j, path, list, warnings, bodies);
             continue;
         }
         if (p.operands.size() > 1) text += path + ":\n";
+        for (const FoundBody& b : bodies) text += bodyLine(b);
         for (const TnefAttachInfo& a : list.attachments) text += listLine(a);
         // Under --strict nothing is written until every file has been weighed.
         if (!g.strict && !writeOut(text)) return kExitError;
