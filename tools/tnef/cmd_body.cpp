@@ -1,6 +1,7 @@
 // body and rtf: a message's body as people read it (its HTML or text, or the RTF it carries
 // compressed), and the RTF of a file that holds a compressed RTF value or RTF itself.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -62,6 +63,63 @@ int deliver(const GlobalOptions& g, const ParsedArgs& p, const std::string& file
                                                                                                   : kExitError;
 }
 
+// Where a streamed body goes: OUT, made on the first piece (so that no body makes no file),
+// or standard output.
+struct BodyOutput {
+    std::string path;  // empty: standard output
+    int fd = -1;
+    bool failed = false;
+    uint64_t bytes = 0;
+
+    bool open() {
+        if (path.empty() || fd >= 0 || failed) return !failed;
+        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0) fail(errno);
+        return fd >= 0;
+    }
+    void fail(int err) {
+        reportError(path, errnoText(err));
+        failed = true;
+    }
+    static void write(void* context, const char* bytes, size_t n) {
+        BodyOutput& o = *static_cast<BodyOutput*>(context);
+        if (!o.open()) return;
+        o.bytes += n;
+        if (o.path.empty()) {
+            o.failed = !writeOut(std::string_view(bytes, n));
+            return;
+        }
+        while (n > 0 && !o.failed) {
+            const ssize_t w = ::write(o.fd, bytes, n);
+            if (w < 0 && errno == EINTR) continue;
+            if (w < 0) return o.fail(errno);
+            bytes += w;
+            n -= static_cast<size_t>(w);
+        }
+    }
+    // Closes OUT (made now when the body is empty); false when anything failed.
+    bool finish() {
+        open();
+        if (fd >= 0 && ::close(fd) != 0 && !failed) fail(errno);
+        fd = -1;
+        return !failed;
+    }
+};
+
+// The report of a streamed body, once it is written; the exit status.
+int reportStreamed(const GlobalOptions& g, const ParsedArgs& p, const std::string& file, BodyOutput& out,
+                   nlohmann::json report, const std::vector<std::string>& warnings) {
+    const bool ok = out.finish();
+    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    if (!ok) return kExitError;
+    if (!g.json) return kExitOk;
+    report["bytes"] = out.bytes;
+    report["output"] = p.has("-o") ? nlohmann::json(p.get("-o")) : nlohmann::json();
+    report["warnings"] = warnings;
+    return writeOut(report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n") ? kExitOk
+                                                                                                  : kExitError;
+}
+
 int failed(const GlobalOptions& g, const std::string& file, const Escape& e) {
     if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
     reportEscape(file, e);
@@ -78,15 +136,19 @@ int cmdBody(const GlobalOptions& g, const ParsedArgs& p) {
     try {
         TnefMessageView view;
         tnef_ReadMessage(fd, &view);
-        const TnefBody body = tnef_MessageBody(fd, view, want);
+        // --strict weighs every warning, the compressed RTF's too, before writing: the body is
+        // read whole first. Otherwise it streams, in memory that does not grow with it.
+        BodyOutput out{p.get("-o")};
+        const TnefBody body = g.strict ? tnef_MessageBody(fd, view, want)
+                                       : tnef_WriteMessageBody(fd, view, want, TnefByteSink{BodyOutput::write, &out});
         ::close(fd);
         if (body.kind == TNEF_BODY_NONE) {
             if (g.json) writeOut(nlohmann::json({{"file", file}, {"kind", "none"}}).dump() + "\n");
             return kExitNotFound;
         }
-        return deliver(g, p, file, body.text,
-                       {{"file", file}, {"kind", kindName(body.kind)}, {"source", body.source}},
-                       bodyWarnings(view.flags, body.rtfFlags));
+        const nlohmann::json report = {{"file", file}, {"kind", kindName(body.kind)}, {"source", body.source}};
+        if (g.strict) return deliver(g, p, file, body.text, report, bodyWarnings(view.flags, body.rtfFlags));
+        return reportStreamed(g, p, file, out, report, bodyWarnings(view.flags, body.rtfFlags));
     } catch (const Escape& e) {
         ::close(fd);
         return failed(g, file, e);
