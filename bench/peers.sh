@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Times `tnefx extract` (and `tnefx decode`) against the two peer extractors from Debian's
+# Times `tnefx extract` (and `tnefx decode`, and `tnefx body` on a large compressed body) against the two peer extractors from Debian's
 # archive and against `cp` of the same bytes, side by side in one run.
 #
 #   bench/peers.sh [RUNS]     RUNS repetitions of every measurement (default 5); medians shown
@@ -22,7 +22,7 @@ fi
 [ -x /usr/bin/time ] || { echo "needs GNU time (/usr/bin/time)" >&2; exit 2; }
 
 cmake --preset release >/dev/null
-cmake --build build/release --target tnef_tool >/dev/null
+cmake --build build/release --target tnef_tool tnef_make_sample >/dev/null
 ours="$root/build/release/tools/tnef/tnefx"
 peer_tnef=/usr/bin/tnef
 peer_ytnef=$(command -v ytnef)
@@ -101,6 +101,14 @@ measure "tnefx decode" "'$ours' --home \"\$out/home\" decode '$big'"
 measure "peer tnef" "cd \"\$out\" && '$peer_tnef' -f '$big'"
 measure "peer ytnef" "'$peer_ytnef' -f \"\$out\" '$big'"
 
+echo
+echo "-- a body of 64 MiB of HTML encapsulated in compressed RTF"
+"$root/build/release/tools/tnef/tnef_make_sample" --big-body "$work/body.tnef" 64
+measure "tnefx body rtf" "'$ours' body --format rtf '$work/body.tnef' -o \"\$out/message.rtf\""
+measure "tnefx body html" "'$ours' body --format html '$work/body.tnef' -o \"\$out/message.html\""
+measure "peer tnef body rtf" "cd \"\$out\" && '$peer_tnef' --save-body --body-pref=r -f '$work/body.tnef'"
+measure "peer ytnef body rtf" "'$peer_ytnef' -F -f \"\$out\" '$work/body.tnef'"
+
 if [ ${#files[@]} -gt 0 ]; then
   echo
   echo "-- the corpus (${#files[@]} files)"
@@ -122,6 +130,8 @@ echo
 big_peer=$(fastest "${wall[peer tnef]}" "${wall[peer ytnef]}")
 echo "256 MiB: extract/faster peer $(ratio "${wall[tnefx extract]}" "$big_peer"), decode/faster peer $(ratio "${wall[tnefx decode]}" "$big_peer")"
 echo "256 MiB: extract/cp $(ratio "${wall[tnefx extract]}" "${wall[cp]}"), decode/cp $(ratio "${wall[tnefx decode]}" "${wall[cp]}"), decode/cp twice $(ratio "${wall[tnefx decode]}" "${wall[cp twice]}")"
+body_peer=$(fastest "${wall[peer tnef body rtf]}" "${wall[peer ytnef body rtf]}")
+echo "64 MiB body: rtf/faster peer $(ratio "${wall[tnefx body rtf]}" "$body_peer"), html/faster peer $(ratio "${wall[tnefx body html]}" "$body_peer")"
 if [ ${#files[@]} -gt 0 ]; then
   loop_peer=$(fastest "${wall[peer tnef loop]}" "${wall[peer ytnef loop]}")
   echo "corpus: extract loop/faster peer loop $(ratio "${wall[tnefx extract loop]}" "$loop_peer"), faster peer loop/batch $(ratio "$loop_peer" "${wall[tnefx extract batch]}")"
