@@ -130,6 +130,15 @@ TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
     const Json listed = Json::parse(runTool({"--json", "list", samplePath()}, home.path()).out);
     EXPECT_EQ(listed["files"][0]["bodies"], Json::parse(R"([{"kind":"text","source":"PR_BODY","size":50}])"));
 
+    // Embedded messages' bodies are written beside the message's, numbered.
+    if (!corpusDir().empty()) {
+        const ToolRun nested = runTool({"extract", "--body", corpusDir() + "/files/mimekit__UnitTests__TestData__tnef__christmas.tnef",
+                                        "-C", home.file("nested")},
+                                       home.path());
+        EXPECT_NE(nested.out.find("nested/message-2.rtf"), std::string::npos) << nested.out;
+        EXPECT_NE(nested.out.find("nested/message-3.txt"), std::string::npos) << nested.out;
+    }
+
     home.write("value.bin", tnef_CompressRtf("{\\rtf1\\ansi\\fromtext caf\\'e9\\par}"));
     const ToolRun rtf = runTool({"rtf", home.file("value.bin"), "--format", "text"}, home.path());
     EXPECT_EQ(rtf.status, 0) << rtf.err;

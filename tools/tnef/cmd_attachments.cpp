@@ -120,18 +120,34 @@ constexpr BodyKind kBodies[] = {{TNEF_BODY_HTML, "html", "message.html", "text/h
 struct FoundBody {
     const BodyKind* kind;
     TnefBody body;
+    std::string name;  // message.html; message-2.html for the second embedded message
 };
 
-// Each body the message of the TNEF file on fd has, in the table's order. Escapes as the
-// reader's.
-std::vector<FoundBody> bodiesOf(int fd) {
+// Each body of the message in view (and, with embedded, of every message embedded in it,
+// depth first), in the table's order.
+void collectBodies(int fd, const TnefMessageView& view, bool embedded, size_t* messages,
+                   std::vector<FoundBody>* found) {
+    const std::string suffix = *messages == 0 ? "" : "-" + std::to_string(*messages + 1);
+    ++*messages;
+    for (const BodyKind& b : kBodies) {
+        TnefBody body = tnef_MessageBody(fd, view, b.kind);
+        if (body.kind == TNEF_BODY_NONE) continue;
+        std::string name = b.name;
+        name.insert(name.find('.'), suffix);
+        found->push_back({&b, std::move(body), std::move(name)});
+    }
+    if (embedded)
+        for (const TnefMessageView& inner : view.embedded) collectBodies(fd, inner, true, messages, found);
+}
+
+// The bodies of the TNEF file on fd: its message's, and with embedded those of the messages
+// inside it. Escapes as the reader's.
+std::vector<FoundBody> bodiesOf(int fd, bool embedded = false) {
     TnefMessageView view;
     tnef_ReadMessage(fd, &view);
     std::vector<FoundBody> found;
-    for (const BodyKind& b : kBodies) {
-        TnefBody body = tnef_MessageBody(fd, view, b.kind);
-        if (body.kind != TNEF_BODY_NONE) found.push_back({&b, std::move(body)});
-    }
+    size_t messages = 0;
+    collectBodies(fd, view, embedded, &messages, &found);
     return found;
 }
 
@@ -140,7 +156,7 @@ std::string bodyLine(const FoundBody& f) {
     std::snprintf(head, sizeof head, "%4u  %-7s %10zu  ", 0u, "body", f.body.text.size());
     std::string line = head + std::string(f.kind->type);
     line.resize(std::max<size_t>(line.size() + 2, 60), ' ');
-    return line + f.kind->name + "  (" + f.body.source + ")\n";
+    return line + f.name + "  (" + f.body.source + ")\n";
 }
 
 std::string listLine(const TnefAttachInfo& a) {
@@ -313,11 +329,11 @@ bool extractOne(ExtractTarget& t, int inFd, const std::string& file, const TnefA
 bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResult& r) {
     bool ok = true;
     try {
-        for (const FoundBody& f : bodiesOf(inFd)) {
+        for (const FoundBody& f : bodiesOf(inFd, true)) {
             const std::string& text = f.body.text;
             std::string chosen;
             int err = 0;
-            const int outFd = createOutput(t, f.kind->name, &chosen, &err);
+            const int outFd = createOutput(t, f.name, &chosen, &err);
             const std::string path = t.dir + "/" + chosen;
             const bool written =
                 outFd >= 0 && ::write(outFd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -330,7 +346,7 @@ bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResu
             }
             TnefAttachInfo& info = r.bodies.emplace_back();
             info.kind = kKindBody;
-            info.longFileName = f.kind->name;
+            info.longFileName = f.name;
             info.mimeTag = f.kind->type;
             info.dataLength = text.size();
             r.done.push_back({&info, path});
@@ -616,7 +632,7 @@ const CommandSpec kExtractCommand = {
         {"--index", "N", "the attachment --stdout writes, numbered as list numbers them"},
         {"--body", nullptr,
          "also write the message's bodies: message.html, message.txt and message.rtf, each that it has "
-         "(index 0, kind \"body\" in JSON)"},
+         "(index 0, kind \"body\" in JSON), and message-2.html, ... for each embedded message"},
     },
     cmdExtract,
 };
