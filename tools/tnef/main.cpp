@@ -30,6 +30,8 @@ constexpr const char* kUsage =
     "  props FILE          every MAPI property of a TNEF file, readable\n"
     "  body FILE           the message's body: HTML, text or RTF\n"
     "  rtf FILE            RTF out of a compressed RTF value, and what it encapsulates\n"
+    "  calendar FILE       a meeting, appointment or task as iCalendar (.ics)\n"
+    "  contact FILE        a contact or distribution list as vCard (.vcf)\n"
     "  getprop FILE [REQ]  MAPI properties of a TNEF file as property text\n"
     "  writeblob -o OUT    a TNEF file from property texts\n"
     "  scan FILE           walk a TNEF file attribute by attribute\n"
@@ -54,6 +56,7 @@ constexpr Command kCommands[] = {
     {"show", cmdShow}, {"getprop", cmdGetprop}, {"writeblob", cmdWriteblob},
     {"scan", cmdScan}, {"encode", cmdEncode}, {"props", cmdProps},
     {"body", cmdBody},     {"rtf", cmdRtf},
+    {"calendar", cmdCalendar}, {"contact", cmdContact},
 };
 
 const Command* findCommand(const std::string& name) {

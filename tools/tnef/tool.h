@@ -127,3 +127,5 @@ int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdCalendar(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdContact(const GlobalOptions& g, const std::vector<std::string>& args);
