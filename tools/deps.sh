@@ -15,6 +15,10 @@ libbenchmark-dev
 nlohmann-json3-dev
 libcli11-dev
 libssl-dev
+pkgconf
+libical-dev
+python3-icalendar
+python3-vobject
 "
 for pkg in $pkgs; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"

@@ -30,11 +30,15 @@ enum TnefConvertKind {
 // What a conversion could not carry over; the rest of the item is written all the same.
 inline constexpr uint32_t TNEF_CONVERT_BAD_RECURRENCE = 0x01;  // the recurrence pattern could
                                                                // not be read: no RRULE
-inline constexpr uint32_t TNEF_CONVERT_EXCEPTIONS_CUT = 0x02;  // fewer exceptions could be read
-                                                               // than the pattern announces
+inline constexpr uint32_t TNEF_CONVERT_EXCEPTIONS_CUT = 0x02;  // changed instances that could
+                                                               // not be read, or that name no
+                                                               // instance of the series, are
+                                                               // left out
 inline constexpr uint32_t TNEF_CONVERT_BAD_TIMEZONE = 0x04;    // the zone's rules are unusable:
                                                                // times written in UTC
 inline constexpr uint32_t TNEF_CONVERT_NO_ORGANIZER = 0x08;    // no address for the organizer
+                                                               // (iTIP wants one for every
+                                                               // method)
 inline constexpr uint32_t TNEF_CONVERT_NO_ADDRESS = 0x10;      // an attendee or list member
                                                                // without an address left out
 inline constexpr uint32_t TNEF_CONVERT_NO_START = 0x20;        // an event without a start time

@@ -1,6 +1,7 @@
 // The calendar structures held in binary values: time zone definitions, the appointment
 // recurrence pattern with its exceptions, and the global object identifier as a UID. Every
 // read goes through a bounded cursor, so no count or length can lead outside the value.
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -161,6 +162,42 @@ bool extendedException(Cursor& c, uint32_t writerVersion2, RecurException* e) {
     return c.sizedBlock();
 }
 
+// The exceptions, then their extended forms; as many as the bytes hold.
+void readExceptions(Cursor& c, uint16_t count, uint32_t writer2, const char* charset,
+                    Recurrence* r) {
+    for (uint16_t i = 0; i < count; ++i) {
+        RecurException e;
+        if (!exceptionInfo(c, charset, &e)) {
+            r->exceptionsCut = true;
+            return;
+        }
+        r->exceptions.push_back(e);
+    }
+    if (!c.sizedBlock()) return;
+    for (RecurException& e : r->exceptions) {
+        // The 8-bit texts already read stand when the extended ones are missing.
+        RecurException extended = e;
+        if (!extendedException(c, writer2, &extended)) return;
+        e = extended;
+    }
+}
+
+// Each exception replaces one of the modified instances, and there are as many of each: an
+// exception that names no modified instance, or ends before it starts, is damage read as
+// data, and is left out.
+void dropStrayExceptions(Recurrence* r) {
+    constexpr uint32_t kMinutesPerDay = 1440;
+    if (r->exceptions.size() != r->modified.size()) r->exceptionsCut = true;
+    std::vector<RecurException> kept;
+    for (const RecurException& e : r->exceptions) {
+        const uint32_t day = e.originalStart - e.originalStart % kMinutesPerDay;
+        const bool named = std::find(r->modified.begin(), r->modified.end(), day) != r->modified.end();
+        if (named && e.start <= e.end) kept.push_back(e);
+        else r->exceptionsCut = true;
+    }
+    r->exceptions = std::move(kept);
+}
+
 }  // namespace
 
 bool keepsDaylight(const MAPI_TIMEZONE& tz) {
@@ -234,24 +271,8 @@ bool parseRecurrence(std::string_view bytes, const char* charset, Recurrence* ou
         !c.u16(&count))
         return false;
     r.exceptions.clear();
-    for (uint16_t i = 0; i < count; ++i) {
-        RecurException e;
-        if (!exceptionInfo(c, charset, &e)) {
-            r.exceptionsCut = true;
-            return true;
-        }
-        r.exceptions.push_back(e);
-    }
-    if (!c.sizedBlock()) {
-        r.exceptionsCut = count != 0;
-        return true;
-    }
-    for (RecurException& e : r.exceptions) {
-        // The 8-bit texts already read stand when the extended ones are missing.
-        RecurException extended = e;
-        if (!extendedException(c, writer2, &extended)) break;
-        e = extended;
-    }
+    readExceptions(c, count, writer2, charset, &r);
+    dropStrayExceptions(&r);
     return true;
 }
 

@@ -504,8 +504,11 @@ void addCommon(icalcomponent* c, const Entries& props, const std::string& summar
         icalcomponent_add_property(c, icalproperty_new_class(*s == 0   ? ICAL_CLASS_PUBLIC
                                                              : *s == 3 ? ICAL_CLASS_CONFIDENTIAL
                                                                        : ICAL_CLASS_PRIVATE));
+    // PRIORITY 0 is "undefined": a published task must carry one.
     if (auto i = integerOf(findTag(props, PR_IMPORTANCE)); i && *i >= 0 && *i <= 2)
         icalcomponent_add_property(c, icalproperty_new_priority(*i == 0 ? 9 : *i == 1 ? 5 : 1));
+    else if (icalcomponent_isa(c) == ICAL_VTODO_COMPONENT)
+        icalcomponent_add_property(c, icalproperty_new_priority(0));
 }
 
 constexpr int64_t kReminderLimit = 525600;  // a year, in minutes
@@ -592,7 +595,7 @@ void addPeople(icalcomponent* ev, EventParts& p) {
         }
     }
     if (organizer) icalcomponent_add_property(ev, personProp(icalproperty_new_organizer, *organizer));
-    else if (p.method != Method::Publish) p.flags |= TNEF_CONVERT_NO_ORGANIZER;
+    else p.flags |= TNEF_CONVERT_NO_ORGANIZER;
     const bool rsvp = p.method == Method::Request &&
                       integerOf(findTag(props, PR_RESPONSE_REQUESTED)).value_or(1) != 0;
     for (const Attendee& a : attendees) icalcomponent_add_property(ev, attendeeProp(a, rsvp));
@@ -725,7 +728,7 @@ void addEvent(icalcomponent* cal, EventParts& p) {
     }
 }
 
-void addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
+uint32_t addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
     const Entries& props = view.properties;
     icalcomponent* todo = icalcomponent_new_vtodo();
     icalcomponent_add_component(cal, todo);
@@ -756,7 +759,9 @@ void addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
         if (auto t = timeProp(props, PidLidTaskDateCompleted))
             icalcomponent_add_property(todo, icalproperty_new_completed(utcTime(*t)));
     const Person owner = senderOf(props);
-    if (!owner.address.empty()) icalcomponent_add_property(todo, personProp(icalproperty_new_organizer, owner));
+    if (owner.address.empty()) return TNEF_CONVERT_NO_ORGANIZER;
+    icalcomponent_add_property(todo, personProp(icalproperty_new_organizer, owner));
+    return 0;
 }
 
 std::string methodName(Method m) {
@@ -803,7 +808,7 @@ TnefConverted toICalendar(int fd, const TnefMessageView& view, std::string_view 
     icalcomponent_add_property(cal.c, icalproperty_new_version("2.0"));
     icalcomponent_add_property(cal.c, icalproperty_new_method(methodOf(info.method)));
     if (task) {
-        addTodo(cal.c, fd, *item);
+        out.flags = addTodo(cal.c, fd, *item);
     } else {
         EventParts p{view, fd, info.method, info, {}, false, 0};
         const Entries& props = view.properties;

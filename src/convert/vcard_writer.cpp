@@ -317,12 +317,11 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
              tagText(p, PR_OTHER_ADDRESS_POSTAL_CODE), tagText(p, PR_OTHER_ADDRESS_COUNTRY)});
         if (other) card.line("ADR", *other);
 
-        if (auto org = compound({tagText(p, PR_COMPANY_NAME), tagText(p, PR_DEPARTMENT_NAME)})) {
-            // A department alone still says which organisation unit; a trailing empty one
-            // is left off.
-            while (!org->empty() && org->back() == ';') org->pop_back();
+        // ORG: the company, then the department when there is one.
+        const std::optional<std::string> department = tagText(p, PR_DEPARTMENT_NAME);
+        if (auto org = department ? compound({tagText(p, PR_COMPANY_NAME), department})
+                                  : compound({tagText(p, PR_COMPANY_NAME)}))
             card.line("ORG", *org);
-        }
         card.text("TITLE", tagText(p, PR_TITLE));
         if (auto d = dayOf(p, PidLidBirthdayLocal, PR_BIRTHDAY)) card.line("BDAY", *d);
         if (auto d = dayOf(p, PidLidWeddingAnniversaryLocal, PR_WEDDING_ANNIVERSARY)) card.line("ANNIVERSARY", *d);
