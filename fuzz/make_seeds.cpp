@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/calendar_builder.h"
 #include "support/store_checks.h"
 #include "support/test_home.h"
 #include "support/tnef_builder.h"
@@ -112,7 +113,7 @@ std::string blobTexts(const std::string& path) {
 
 void seedsFrom(const fs::path& out, const std::string& name, const std::string& bytes,
                const std::string& home) {
-    for (const char* target : {"decode", "getprop", "scan", "oemcodepage", "read"})
+    for (const char* target : {"decode", "getprop", "scan", "oemcodepage", "read", "convert"})
         put(out, target, name, bytes);
     const std::string path = home + "/seed.tnef";
     writeFile(path, bytes);
@@ -140,14 +141,17 @@ int main(int argc, char** argv) {
         "{\\rtf1\\ansi\\ansicpg1251\\fromhtml1{\\fonttbl{\\f0\\fcharset204 A;}}{\\*\\htmltag <b>}"
         "\\htmlrtf x\\htmlrtf0 \\'c0\\u8364?\\~{\\*\\mhtmltag y}\\par}";
     put(out, "body", "lzfu-html", tnef_CompressRtf(html));
+    for (const auto& [name, bytes] : calbuild::calendarSeeds()) put(out, "convert", name, bytes);
     put(out, "body", "rtf-html", html);
     if (argc > 2) {
         for (const auto& entry : fs::directory_iterator(argv[2]))
             seedsFrom(out, entry.path().filename().string(), readFileBytes(entry.path().string()), home);
         const fs::path content = fs::path(argv[2]) / ".." / "content" / "files";
         std::error_code ec;
-        for (const auto& entry : fs::directory_iterator(content, ec))
+        for (const auto& entry : fs::directory_iterator(content, ec)) {
             put(out, "body", entry.path().filename().string(), readFileBytes(entry.path().string()));
+            put(out, "convert", entry.path().filename().string(), readFileBytes(entry.path().string()));
+        }
     }
     fs::remove_all(home);
     return 0;
