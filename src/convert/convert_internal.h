@@ -201,5 +201,11 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view mess
 
 // Text with CR LF as LF, other control characters but tab dropped.
 std::string cleanText(std::string_view text);
+// Text for a parameter value, which cannot hold a line break or a double quote: control
+// characters become spaces, double quotes single ones.
+std::string paramText(std::string_view text);
+// Whether text can stand as an e-mail address in a mailto: URI: local part, @, domain, and
+// no blank, control character or character that would end or quote the value.
+bool isAddress(std::string_view text);
 
 }  // namespace tnefconv

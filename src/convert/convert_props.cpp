@@ -144,4 +144,24 @@ std::string cleanText(std::string_view text) {
     return out;
 }
 
+std::string paramText(std::string_view text) {
+    std::string out = cleanText(text);
+    for (char& c : out) {
+        if (static_cast<unsigned char>(c) < 0x20) c = ' ';
+        if (c == '"') c = '\'';
+    }
+    return out;
+}
+
+bool isAddress(std::string_view s) {
+    const size_t at = s.find('@');
+    if (at == std::string_view::npos || at == 0 || at + 1 >= s.size()) return false;
+    for (const char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c <= 0x20 || c == 0x7F || std::string_view("<>()\"/,;:\\[]").find(ch) != std::string_view::npos)
+            return false;
+    }
+    return true;
+}
+
 }  // namespace tnefconv

@@ -80,7 +80,7 @@ Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uin
         }
         z.utc = false;
         z.tz = tz;
-        z.tzid = cleanText(tzid);
+        z.tzid = paramText(tzid);
         if (z.tzid.empty()) z.tzid = "Custom";
         return true;
     };
@@ -334,12 +334,6 @@ std::optional<std::string> endText(const Recurrence& r, const Zone& z, bool allD
 
 // ---- People ---------------------------------------------------------------------------------
 
-bool looksLikeAddress(const std::string& s) {
-    const size_t at = s.find('@');
-    return at != std::string::npos && at > 0 && at + 1 < s.size() &&
-           s.find_first_of(" \t<>()\"/,;:") == std::string::npos;
-}
-
 struct Person {
     std::string address;
     std::string name;
@@ -348,9 +342,9 @@ struct Person {
 // An address from a property list: the SMTP address, else the e-mail address of an SMTP
 // entry (an Exchange one names a directory entry, not a mailbox).
 std::string addressOf(const Entries& e, uint16_t smtp, uint16_t email, uint16_t type) {
-    if (auto s = textOf(findTag(e, smtp)); s && looksLikeAddress(*s)) return *s;
+    if (auto s = textOf(findTag(e, smtp)); s && isAddress(*s)) return *s;
     const std::string addrType = textOf(findTag(e, type)).value_or("SMTP");
-    if (auto s = textOf(findTag(e, email)); s && looksLikeAddress(*s) &&
+    if (auto s = textOf(findTag(e, email)); s && isAddress(*s) &&
                                             (addrType == "SMTP" || addrType == "smtp"))
         return *s;
     return {};
@@ -368,7 +362,7 @@ Person senderOf(const Entries& props) {
         const std::string acct = textOf(findTag(props, PR_PRIMARY_SEND_ACCT)).value_or("");
         const size_t a = acct.find('\x01');
         const size_t b = a == std::string::npos ? a : acct.find('\x01', a + 1);
-        if (b != std::string::npos && looksLikeAddress(acct.substr(a + 1, b - a - 1)))
+        if (b != std::string::npos && isAddress(acct.substr(a + 1, b - a - 1)))
             p.address = acct.substr(a + 1, b - a - 1);
     }
     return p;
@@ -400,12 +394,12 @@ std::vector<Person> parseAttendeeString(const std::string& text) {
             const size_t open = item.rfind(brackets[0]);
             const size_t close = item.rfind(brackets[1]);
             if (open != std::string::npos && close == item.size() - 1 && open < close &&
-                looksLikeAddress(item.substr(open + 1, close - open - 1))) {
+                isAddress(item.substr(open + 1, close - open - 1))) {
                 p.address = item.substr(open + 1, close - open - 1);
                 p.name = item;
             }
         }
-        if (p.address.empty() && looksLikeAddress(item)) p = {item, {}};
+        if (p.address.empty() && isAddress(item)) p = {item, {}};
         out.push_back(p);
     }
     return out;
@@ -423,8 +417,8 @@ icalparameter_partstat trackStatus(int64_t v) {
 std::string mailto(const std::string& address) { return "mailto:" + address; }
 
 icalproperty* personProp(icalproperty* (*make)(const char*), const Person& p) {
-    icalproperty* prop = make(mailto(cleanText(p.address)).c_str());
-    const std::string name = cleanText(p.name);
+    icalproperty* prop = make(mailto(p.address).c_str());
+    const std::string name = paramText(p.name);
     if (!name.empty()) icalproperty_add_parameter(prop, icalparameter_new_cn(name.c_str()));
     return prop;
 }

@@ -153,12 +153,6 @@ std::optional<std::string> dayOf(const Entries& e, NamedId local, uint16_t utc) 
     return dateOf(*minutes);
 }
 
-bool looksLikeAddress(std::string_view s) {
-    const size_t at = s.find('@');
-    return at != std::string_view::npos && at > 0 && at + 1 < s.size() &&
-           s.find_first_of(" \t<>()\"/,;:\\") == std::string_view::npos;
-}
-
 std::string base64(std::string_view bytes) {
     std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
     const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
@@ -169,8 +163,9 @@ std::string base64(std::string_view bytes) {
 }
 
 std::string pictureType(const TnefAttachInfo& a, std::string_view bytes) {
-    if (a.mimeTag.rfind("image/", 0) == 0 && a.mimeTag.find_first_of(";, ") == std::string::npos)
-        return a.mimeTag;
+    // The attachment's own type, when it is a plain image type and nothing else.
+    const bool plain = a.mimeTag.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.+-/") == std::string::npos;
+    if (a.mimeTag.rfind("image/", 0) == 0 && a.mimeTag.size() > 6 && plain) return a.mimeTag;
     if (bytes.substr(0, 3) == "\xFF\xD8\xFF") return "image/jpeg";
     if (bytes.substr(0, 8) == "\x89PNG\r\n\x1A\n") return "image/png";
     if (bytes.substr(0, 4) == "GIF8") return "image/gif";
@@ -224,7 +219,7 @@ void addMembers(Card& card, int fd, const Entries& props, uint32_t* flags) {
     if (ids.empty()) ids = allBytesOf(fd, findNamed(props, PidLidDistributionListMembers), 1u << 16);
     for (const std::string& id : ids) {
         const std::optional<OneOff> m = oneOff(id);
-        if (!m || !looksLikeAddress(m->address) || (m->type != "SMTP" && m->type != "smtp")) {
+        if (!m || !isAddress(m->address) || (m->type != "SMTP" && m->type != "smtp")) {
             *flags |= TNEF_CONVERT_NO_ADDRESS;
             continue;
         }
@@ -269,7 +264,7 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
             const std::optional<std::string> a = textOf(findNamed(p, address));
             const std::string t = textOf(findNamed(p, type)).value_or("SMTP");
             if (!a) continue;
-            if (!looksLikeAddress(*a) || (t != "SMTP" && t != "smtp")) {
+            if (!isAddress(*a) || (t != "SMTP" && t != "smtp")) {
                 out.flags |= TNEF_CONVERT_NO_ADDRESS;
                 continue;
             }

@@ -211,6 +211,18 @@ std::vector<Case> cases() {
          {"MEMBER:mailto:/o"},
          {},
          TNEF_CONVERT_NO_ADDRESS},
+        {"line breaks in names and addresses start no property",
+         [] {
+             Message m = meeting("IPM.Schedule.Meeting.Request", kBerlin, mapiTime(2024, 6, 3, 8), mapiTime(2024, 6, 3, 9));
+             // A bad SMTP address gives way to the plain one.
+             m.text(0x5D02001E, "ana@example.org\r\nATTENDEE:mailto:evil@example.org");
+             m.recipients = {recipient("Bo\r\nX-EVIL:1\"", "bo@example.org", 1)};
+             return m;
+         },
+         {"ATTENDEE;CN=\"Bo X-EVIL:1'\";ROLE=REQ-PARTICIPANT;PARTSTAT=NEEDS-ACTION;RSVP=TRUE:mailto:bo@example.org",
+          "ORGANIZER;CN=Ana Lima:mailto:ana@example.org"},
+         {"\nX-EVIL", "evil@"},
+         {}},
         // Hostile structures: each is named in the flags, and the rest is written.
         {"a count near 2^32 is no series",
          [=] {
