@@ -267,8 +267,9 @@ bool parseRecurrence(std::string_view bytes, const char* charset, Recurrence* ou
     uint32_t reader2 = 0;
     uint32_t writer2 = 0;
     uint16_t count = 0;
+    // Each instance starts within its day and ends after it starts.
     if (!c.u32(&reader2) || !c.u32(&writer2) || !c.u32(&r.startOffset) || !c.u32(&r.endOffset) ||
-        !c.u16(&count))
+        !c.u16(&count) || r.startOffset >= 1440 || r.endOffset < r.startOffset)
         return false;
     r.exceptions.clear();
     readExceptions(c, count, writer2, charset, &r);

@@ -213,11 +213,13 @@ icaltimetype utcTime(uint64_t mapiTime) {
     return t;
 }
 
-// Times from 1601 to 9999: anything else in a time property is damage.
-bool plausible(uint64_t mapiTime) {
-    const int64_t year = civilOfMinutes(minutesOf(mapiTime)).year;
-    return year >= 1601 && year <= 9999;
+// libical writes no time past the year 3000; a time outside 1601 to 2998 (so that no zone's
+// clock passes the limit) is left out as damage.
+bool inRange(int64_t minutes) {
+    const int64_t year = civilOfMinutes(minutes).year;
+    return year >= 1601 && year <= 2998;
 }
+bool plausible(uint64_t mapiTime) { return inRange(minutesOf(mapiTime)); }
 
 std::optional<uint64_t> timeProp(const Entries& props, NamedId id) {
     const std::optional<uint64_t> t = timeOf(findNamed(props, id));
@@ -312,7 +314,8 @@ std::string dateText(const Civil& c) {
 // events), COUNT, or nothing for a series without end.
 std::optional<std::string> endText(const Recurrence& r, const Zone& z, bool allDay,
                                    uint32_t* flags) {
-    if (r.endType == kEndByDate && r.endDate < kLastMinute) {
+    // A series that ends after libical's last year is written without end.
+    if (r.endType == kEndByDate && r.endDate < kLastMinute && inRange(r.endDate)) {
         if (r.endDate < r.startDate) return std::nullopt;
         if (allDay) return ";UNTIL=" + dateText(civilOfMinutes(r.endDate));
         const int64_t local = int64_t{r.endDate} + r.startOffset;
@@ -446,8 +449,10 @@ struct Owner {
 
 void addText(icalcomponent* c, icalproperty* (*make)(const char*), const std::optional<std::string>& v) {
     if (!v) return;
+    // A value of blanks alone reads back as no value at all.
     const std::string text = cleanText(*v);
-    if (!text.empty()) icalcomponent_add_property(c, make(text.c_str()));
+    if (text.find_first_not_of(" \t\n") != std::string::npos)
+        icalcomponent_add_property(c, make(text.c_str()));
 }
 
 void addX(icalcomponent* c, const char* name, const char* value) {
@@ -616,12 +621,16 @@ void addRecurrence(icalcomponent* cal, icalcomponent* master, EventParts& p, con
 
     // Deleted instances include the modified ones, whose exceptions replace them.
     for (uint32_t day : r.deleted) {
-        if (std::find(r.modified.begin(), r.modified.end(), day) != r.modified.end()) continue;
+        if (std::find(r.modified.begin(), r.modified.end(), day) != r.modified.end() || !inRange(day)) continue;
         icalcomponent_add_property(
             master, localProp(icalproperty_new_exdate, int64_t{day} + (p.allDay ? 0 : r.startOffset),
                               p.zone, p.allDay));
     }
     for (const RecurException& e : r.exceptions) {
+        if (!inRange(e.start) || !inRange(e.end) || !inRange(e.originalStart)) {
+            p.flags |= TNEF_CONVERT_EXCEPTIONS_CUT;
+            continue;
+        }
         icalcomponent* ev = icalcomponent_new_clone(master);
         for (icalproperty_kind k : {ICAL_RRULE_PROPERTY, ICAL_EXDATE_PROPERTY, ICAL_DTSTART_PROPERTY,
                                     ICAL_DTEND_PROPERTY})

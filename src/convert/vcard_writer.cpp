@@ -100,7 +100,8 @@ public:
         out_.append(l, start, std::string::npos).append("\r\n");
     }
     void text(std::string_view nameAndParams, const std::optional<std::string>& v) {
-        if (v && !cleanText(*v).empty()) line(nameAndParams, escape(*v));
+        if (v && cleanText(*v).find_first_not_of(" \t\n") != std::string::npos)
+            line(nameAndParams, escape(*v));
     }
     std::string done() { return out_ + "END:VCARD\r\n"; }
 
