@@ -72,12 +72,10 @@ int64_t daylightOffset(const MAPI_TIMEZONE& tz) { return -int64_t{tz.bias} - tz.
 // then, else the 48-byte structure, else the legacy zone number.
 Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uint32_t* flags) {
     Zone z;
+    bool damaged = false;  // a zone was given that cannot be used
     const std::optional<std::string> description = textOf(findNamed(props, PidLidTimeZoneDescription));
-    auto choose = [&](const MAPI_TIMEZONE& tz, std::string tzid) {
-        if (!usableZone(tz)) {
-            *flags |= TNEF_CONVERT_BAD_TIMEZONE;
-            return true;
-        }
+    auto choose = [&](const MAPI_TIMEZONE& tz, const std::string& tzid) {
+        if (!usableZone(tz)) return damaged = true, false;
         z.utc = false;
         z.tz = tz;
         z.tzid = paramText(tzid);
@@ -89,31 +87,32 @@ Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uin
         findNamed(props, PidLidTimeZoneDefinitionStartDisplay)};
     for (const TnefPropEntry* e : defs) {
         const std::optional<std::string> bytes = bytesOf(fd, e, 1u << 20);
-        if (!bytes) continue;
         TzDefinition def;
+        if (!bytes) continue;
         if (!parseTzDefinition(*bytes, &def)) {
-            *flags |= TNEF_CONVERT_BAD_TIMEZONE;
+            damaged = true;
             continue;
         }
         const TzRule* rule = &def.rules.front();
         for (const TzRule& r : def.rules)
             if (r.year <= startYear) rule = &r;
-        return choose(rule->tz, def.keyName.empty() ? description.value_or("") : def.keyName), z;
+        if (choose(rule->tz, def.keyName.empty() ? description.value_or("") : def.keyName)) return z;
     }
     if (const std::optional<std::string> raw = bytesOf(fd, findNamed(props, PidLidTimeZoneStruct), 64)) {
         MAPI_TIMEZONE tz{};
-        if (mapi_TimezoneFromRaw(reinterpret_cast<const uint8_t*>(raw->data()), raw->size(), &tz))
-            return choose(tz, description.value_or("")), z;
-        *flags |= TNEF_CONVERT_BAD_TIMEZONE;
+        const bool read = mapi_TimezoneFromRaw(reinterpret_cast<const uint8_t*>(raw->data()), raw->size(), &tz);
+        if (read && choose(tz, description.value_or(""))) return z;
+        damaged = damaged || !read;
     }
     if (const std::optional<int64_t> number = integerOf(findNamed(props, PidLidTimeZone))) {
         uint8_t data[MAPI_TIMEZONE_DATA_SIZE];
         const auto n = static_cast<uint32_t>(*number);
         MAPI_TIMEZONE tz{};
-        if (mapi_raw_timezone_data_from_tzNum(n, data) &&
-            mapi_TimezoneFromRaw(data, sizeof data, &tz))
-            return choose(tz, mapi_tzNum_toIcalTZID(n)), z;
+        if (mapi_raw_timezone_data_from_tzNum(n, data) && mapi_TimezoneFromRaw(data, sizeof data, &tz) &&
+            choose(tz, mapi_tzNum_toIcalTZID(n)))
+            return z;
     }
+    if (damaged) *flags |= TNEF_CONVERT_BAD_TIMEZONE;
     return z;
 }
 

@@ -134,6 +134,16 @@ std::vector<Case> cases() {
          {"DTSTART;TZID=Tokyo Standard Time:20240701T090000", "TZOFFSETFROM:+0900", "TZOFFSETTO:+0900"},
          {"DAYLIGHT"},
          {}},
+        {"an unusable zone definition gives way to the zone structure",
+         [] {
+             Message m = meeting("IPM.Appointment", kMonth13, mapiTime(2024, 7, 1, 0), mapiTime(2024, 7, 1, 1));
+             Blob tz;  // bias, standard and daylight bias, then two empty transitions
+             tz.u32(static_cast<uint32_t>(-540)).u32(0).u32(0).zeros(36);
+             return m.binary(kAppointment, 0x8233, tz.bytes()), m;
+         },
+         {"DTSTART;TZID=Custom:20240701T090000"},
+         {"DAYLIGHT"},
+         {}},
         {"the southern hemisphere keeps daylight time over new year",
          [] { return meeting("IPM.Appointment", kSydney, mapiTime(2024, 1, 15, 1), mapiTime(2024, 1, 15, 2)); },
          {"DTSTART;TZID=AUS Eastern Standard Time:20240115T120000", "RRULE:FREQ=YEARLY;BYDAY=1SU;BYMONTH=10",
