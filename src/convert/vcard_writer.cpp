@@ -93,6 +93,7 @@ public:
         while (l.size() - start > limit) {
             size_t cut = start + limit;
             while (cut > start && (static_cast<uint8_t>(l[cut]) & 0xC0) == 0x80) --cut;
+            if (cut == start) cut = start + limit;  // no character start at all: not UTF-8
             out_.append(l, start, cut - start).append("\r\n ");
             start = cut;
             limit = 74;
