@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/calendar_builder.h"
 #include "support/store_checks.h"
 #include "support/test_home.h"
 #include "support/tnef_builder.h"
@@ -112,7 +113,7 @@ std::string blobTexts(const std::string& path) {
 
 void seedsFrom(const fs::path& out, const std::string& name, const std::string& bytes,
                const std::string& home) {
-    for (const char* target : {"decode", "getprop", "scan", "oemcodepage", "read"})
+    for (const char* target : {"decode", "getprop", "scan", "oemcodepage", "read", "convert"})
         put(out, target, name, bytes);
     const std::string path = home + "/seed.tnef";
     writeFile(path, bytes);
@@ -141,6 +142,7 @@ int main(int argc, char** argv) {
         "\\htmlrtf x\\htmlrtf0 \\'c0\\u8364?\\~{\\*\\mhtmltag y}\\par}";
     put(out, "rtf", "lzfu-html", tnef_CompressRtf(html));
     put(out, "deencap", "rtf-html", html);
+    for (const auto& [name, bytes] : calbuild::calendarSeeds()) put(out, "convert", name, bytes);
     if (argc > 2) {
         for (const auto& entry : fs::directory_iterator(argv[2]))
             seedsFrom(out, entry.path().filename().string(), readFileBytes(entry.path().string()), home);
@@ -149,6 +151,7 @@ int main(int argc, char** argv) {
         for (const auto& entry : fs::directory_iterator(content, ec)) {
             const std::string bytes = readFileBytes(entry.path().string());
             put(out, bytes.rfind("{\\rtf", 0) == 0 ? "deencap" : "rtf", entry.path().filename().string(), bytes);
+            put(out, "convert", entry.path().filename().string(), bytes);
         }
     }
     fs::remove_all(home);

@@ -17,6 +17,9 @@ libcli11-dev
 libssl-dev
 help2man
 pkg-config
+libical-dev
+python3-icalendar
+python3-vobject
 "
 for pkg in $pkgs; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "converted.h"
 #include "json_writer.h"
 #include "names.h"
 #include "tnef/platform/er_escape.h"
@@ -25,11 +26,15 @@ namespace {
 
 // A message body written beside the attachments is listed as an attachment of kind "body".
 inline constexpr uint32_t kKindBody = 100;
+// So is a calendar or card made of the message, of kind "converted".
+inline constexpr uint32_t kKindConverted = 101;
 
 const char* kindName(uint32_t kind) {
     switch (kind) {
         case kKindBody:
             return "body";
+        case kKindConverted:
+            return "converted";
         case TNEF_ATTACH_FILE:
             return "file";
         case TNEF_ATTACH_OLE:
@@ -325,34 +330,55 @@ bool extractOne(ExtractTarget& t, int inFd, const std::string& file, const TnefA
     return false;
 }
 
+// Writes a document the run made (a body, a calendar, a card) under a free name, listed as
+// an attachment of the given kind.
+bool writeDocument(ExtractTarget& t, const char* name, const std::string& type, uint32_t kind,
+                   const std::string& text, FileResult& r) {
+    std::string chosen;
+    int err = 0;
+    const int outFd = createOutput(t, name, &chosen, &err);
+    const std::string path = t.dir + "/" + chosen;
+    const bool written = outFd >= 0 && ::write(outFd, text.data(), text.size()) ==
+                                           static_cast<ssize_t>(text.size());
+    if (outFd >= 0 && !written) err = errno;
+    if (outFd >= 0 && ::close(outFd) != 0 && written) err = errno;
+    if (!written || err != 0) {
+        fault(r, path, errnoText(err));
+        return false;
+    }
+    TnefAttachInfo& info = r.bodies.emplace_back();
+    info.kind = kind;
+    info.longFileName = name;
+    info.mimeTag = type;
+    info.dataLength = text.size();
+    r.done.push_back({&info, path});
+    return true;
+}
+
 // Writes the message's HTML, text and RTF bodies, each it has, as message.html, .txt, .rtf.
 bool extractBodies(ExtractTarget& t, int inFd, const std::string& file, FileResult& r) {
     bool ok = true;
     try {
-        for (const FoundBody& f : bodiesOf(inFd, true)) {
-            const std::string& text = f.body.text;
-            std::string chosen;
-            int err = 0;
-            const int outFd = createOutput(t, f.name, &chosen, &err);
-            const std::string path = t.dir + "/" + chosen;
-            const bool written =
-                outFd >= 0 && ::write(outFd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-            if (outFd >= 0 && !written) err = errno;
-            if (outFd >= 0 && ::close(outFd) != 0 && written) err = errno;
-            if (!written || err != 0) {
-                fault(r, path, errnoText(err));
-                ok = false;
-                continue;
-            }
-            TnefAttachInfo& info = r.bodies.emplace_back();
-            info.kind = kKindBody;
-            info.longFileName = f.name;
-            info.mimeTag = f.kind->type;
-            info.dataLength = text.size();
-            r.done.push_back({&info, path});
-        }
+        for (const FoundBody& f : bodiesOf(inFd, true))
+            ok = writeDocument(t, f.name.c_str(), f.kind->type, kKindBody, f.body.text, r) && ok;
     } catch (const Escape& e) {
         fault(r, file, "bodies: " + escapeLine(e));
+        return false;
+    }
+    return ok;
+}
+
+// Writes invite.ics or contact.vcf for the message and each embedded message that is a
+// meeting, appointment, task, contact or distribution list.
+bool extractConverted(ExtractTarget& t, int inFd, const std::string& file, FileResult& r) {
+    bool ok = true;
+    try {
+        for (const ConvertedFile& c : tool_ConvertedFiles(inFd)) {
+            for (const std::string& w : c.warnings) reportError(file, "warning: " + c.name + ": " + w);
+            ok = writeDocument(t, c.name.c_str(), c.type, kKindConverted, c.bytes, r) && ok;
+        }
+    } catch (const Escape& e) {
+        fault(r, file, "calendar and contacts: " + escapeLine(e));
         return false;
     }
     return ok;
@@ -382,6 +408,7 @@ bool extractFile(ExtractTarget& target, const std::string& path, bool embedded, 
     if (!weighed)
         for (const std::string& w : r.warnings) reportError(path, "warning: " + w);
     bool ok = !bodies || extractBodies(target, fd, path, r);
+    ok = extractConverted(target, fd, path, r) && ok;
     for (const TnefAttachInfo& a : list.attachments) {
         if (a.kind == TNEF_ATTACH_NONE || (a.kind == TNEF_ATTACH_MESSAGE && !embedded)) continue;
         ok = extractOne(target, fd, path, a, r) && ok;

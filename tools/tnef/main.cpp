@@ -26,11 +26,12 @@ namespace {
 const CommandSpec* const kCommands[] = {
     &kListCommand,  &kExtractCommand, &kBodyCommand,      &kPropsCommand, &kDecodeCommand, &kShowCommand,
     &kGetpropCommand, &kWriteblobCommand, &kScanCommand, &kEncodeCommand, &kRtfCommand,
+    &kCalendarCommand, &kContactCommand,
 };
 
 constexpr const char* kDescription =
-    "Reads TNEF files (winmail.dat): their attachments, properties and bodies, and decodes them\n"
-    "into the server's message store and encodes stored messages back.";
+    "Reads TNEF files (winmail.dat): their attachments, properties, bodies, meetings and contacts,\n"
+    "and decodes them into the server's message store and encodes stored messages back.";
 
 constexpr const char* kFooter =
     "Every command that reads a TNEF file reads standard input for '-'.\n"
