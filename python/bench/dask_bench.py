@@ -63,16 +63,17 @@ def main():
                                                      progress=False).compute())
         failed = int(df.error.notnull().sum())
         print(f"  rows {len(df)}, failures {failed}, identical to the tool: {same_tree(work / 'tool', work / out)}")
+        shutil.rmtree(work / out)
         return s
 
 
     results = {}
-    for workers in (2, 1):
+    for workers in (1, 2, 1, 2):
         t0 = time.perf_counter()
         cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None)
         client = Client(cluster)
         print(f"LocalCluster of {workers} started in {time.perf_counter() - t0:.1f} s")
-        results[workers] = dask_run(f"extract_archive, LocalCluster of {workers}", client, f"dask{workers}")
+        results[workers] = min(results.get(workers, 1e9), dask_run(f"extract_archive, LocalCluster of {workers}", client, f"dask{workers}"))
         client.close()
         cluster.close()
 
@@ -95,7 +96,8 @@ def main():
             p.terminate()
             p.wait()
 
-    print(f"2 workers against 1: {results[1] / results[2]:.2f}x; against the tool: {t_tool / results[2]:.2f}x")
+    print(f"best of two: 2 workers against 1: {results[1] / results[2]:.2f}x; "
+          f"2 workers against the tool: {t_tool / results[2]:.2f}x; load {os.getloadavg()[0]:.1f}")
 
     # Reading: tnef.open + the attachments' names and sizes, per file, against `tnefx list`.
     def py_list():

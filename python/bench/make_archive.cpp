@@ -1,7 +1,7 @@
 // Writes N generated TNEF files into a folder, for timing the Dask recipe against the tool:
 //   tnef_make_archive DIR N
 // Each file is a message with a subject, a sender, a body, a recipient and one to three
-// attachments of 2 to 40 KiB whose names are unique across the archive (so one folder can
+// attachments of 1 to 8 KiB whose names are unique across the archive (so one folder can
 // hold every file's attachments and two extractions compare with diff -r). One in fifty
 // files is cut short, as a damaged archive holds some.
 #include <cstdio>
@@ -39,13 +39,13 @@ int main(int argc, char** argv) {
         const int attachments = 1 + static_cast<int>(n % 3);
         for (int a = 0; a < attachments; ++a) {
             const std::string name = std::string(stem) + "-" + std::to_string(a + 1) + (a == 1 ? ".pdf" : ".txt");
-            const size_t size = 2048 + static_cast<size_t>((n * 7919 + a * 104729) % (38 * 1024));
+            const size_t size = 1024 + static_cast<size_t>((n * 7919 + a * 104729) % (7 * 1024));
             std::string data(size, '\0');
             for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>('a' + (i * 31 + n + a) % 26);
             s.record(2, 0x00069002, rend).record(2, 0x00018010, name + '\0').record(2, 0x0006800F, data);
             s.record(2, 0x00069005, PropList().string8(0x3707001E, name).bytes());
         }
-        if (n % 50 == 49) s.cut(s.size() - 1000);
+        if (n % 50 == 49) s.cut(s.size() - 600);
         writeFile(dir + "/" + stem + ".tnef", s.bytes());
     }
     return 0;

@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <iterator>
 #include <mutex>
@@ -136,19 +137,19 @@ std::shared_ptr<Source> sourceFromPath(const std::string& path) {
     return src;
 }
 
-std::shared_ptr<Source> sourceFromBuffer(const py::buffer& buffer, const std::string& name) {
-    const py::buffer_info info = buffer.request();
-    if (info.ndim > 1 && !(info.strides.empty() || info.itemsize == 1))
-        throw py::type_error("tnef.open: a bytes-like object must be contiguous bytes");
+std::shared_ptr<Source> sourceFromBuffer(const py::object& data, const std::string& name) {
+    Py_buffer view;
+    // Contiguous bytes only: a strided view raises BufferError here.
+    if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_C_CONTIGUOUS) != 0) throw py::error_already_set();
     auto src = std::make_shared<Source>();
     src->name = name;
-    const auto* data = static_cast<const char*>(info.ptr);
-    const size_t size = static_cast<size_t>(info.size * info.itemsize);
     {
         py::gil_scoped_release release;
-        src->fd = memoryFile(data, size);
+        src->fd = memoryFile(static_cast<const char*>(view.buf), static_cast<size_t>(view.len));
     }
-    if (src->fd < 0) raiseErrno(errno, name);
+    const int err = errno;
+    PyBuffer_Release(&view);
+    if (src->fd < 0) raiseErrno(err, name);
     return src;
 }
 
@@ -175,7 +176,7 @@ std::shared_ptr<Source> sourceFromFile(const py::object& file) {
     py::object data = file.attr("read")();
     if (!PyObject_CheckBuffer(data.ptr()))
         throw py::type_error("tnef.open: the file's read() must return bytes");
-    return sourceFromBuffer(data.cast<py::buffer>(), "<file>");
+    return sourceFromBuffer(data, "<file>");
 }
 
 // ---- Values ----------------------------------------------------------------------------------
@@ -224,17 +225,21 @@ py::object timeObject(uint64_t mapiTime) {
 py::bytes readBytes(int fd, uint64_t offset, uint64_t length) {
     std::string bytes(length, '\0');
     size_t done = 0;
+    int err = 0;
     {
         py::gil_scoped_release release;
         while (done < bytes.size()) {
             const ssize_t n = ::pread(fd, bytes.data() + done, bytes.size() - done,
                                       static_cast<off_t>(offset + done));
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
+            if (n <= 0) {
+                err = n < 0 ? errno : EIO;  // EIO: the file is shorter than when it was read
+                break;
+            }
             done += static_cast<size_t>(n);
         }
     }
-    if (done < bytes.size()) raiseErrno(errno != 0 ? errno : EIO, "");
+    if (err != 0) raiseErrno(err, "");
     return py::bytes(bytes);
 }
 
@@ -437,7 +442,8 @@ public:
     Target(const std::string& dir, bool overwrite) : dir_(dir), overwrite_(overwrite) {
         {
             py::gil_scoped_release release;
-            ::mkdir(dir.c_str(), 0777);  // the parent must exist; open below says why not
+            std::error_code ignored;  // the open below says what is wrong, if anything
+            std::filesystem::create_directories(dir, ignored);
             fd_ = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         }
         if (fd_ < 0) raiseErrno(errno, dir);
@@ -766,7 +772,7 @@ PYBIND11_MODULE(_tnef, m) {
         .def("close", &Message::close);
 
     m.def("_open_path", [](const std::string& path) { return Message::open(sourceFromPath(path)); });
-    m.def("_open_bytes", [](const py::buffer& b) { return Message::open(sourceFromBuffer(b, "<bytes>")); });
+    m.def("_open_bytes", [](const py::object& b) { return Message::open(sourceFromBuffer(b, "<bytes>")); });
     m.def("_open_file", [](const py::object& f) { return Message::open(sourceFromFile(f)); });
 
     py::class_<Target>(m, "_Target")
