@@ -407,12 +407,15 @@ bool extractFile(ExtractTarget& target, const std::string& path, bool embedded, 
     // Under --strict the warnings were reported by the first pass.
     if (!weighed)
         for (const std::string& w : r.warnings) reportError(path, "warning: " + w);
-    bool ok = !bodies || extractBodies(target, fd, path, r);
-    ok = extractConverted(target, fd, path, r) && ok;
+    bool ok = true;
     for (const TnefAttachInfo& a : list.attachments) {
         if (a.kind == TNEF_ATTACH_NONE || (a.kind == TNEF_ATTACH_MESSAGE && !embedded)) continue;
         ok = extractOne(target, fd, path, a, r) && ok;
     }
+    // What the tool makes of the message comes after the sender's attachments, so that their
+    // names are never the ones that give way.
+    if (bodies) ok = extractBodies(target, fd, path, r) && ok;
+    ok = extractConverted(target, fd, path, r) && ok;
     ::close(fd);
     return ok;
 }
