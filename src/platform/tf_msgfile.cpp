@@ -84,7 +84,7 @@ bool cutBackQuietly(int fd, int64_t size) {
         os_SyncFd(fd);
     } catch (const Escape&) {
     }
-    return ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+    return mdc_ftruncate(fd, size) == 0;
 }
 
 // Appended records wait while a batch is open, up to this many bytes: a decode appends a
@@ -140,7 +140,7 @@ int64_t tfSize(MsgFile& file) { return os_lseek64(file.fd.get(), 0, SEEK_END); }
 
 void tfTruncate(MsgFile& file, int64_t size) {
     os_SyncFd(file.fd.get());
-    if (::ftruncate(file.fd.get(), static_cast<off_t>(size)) != 0)
+    if (mdc_ftruncate(file.fd.get(), size) != 0)
         raiseErrno(errno, kUnit, __LINE__, "cannot cut back " + file.path);
 }
 
@@ -254,7 +254,7 @@ void tf_FlushFile(int16_t tf) {
     store::MsgFile& file = store::tfLookup(tf);
     if (file.readOnly) return;
     os_SyncFd(file.fd.get());
-    if (::fdatasync(file.fd.get()) != 0 && errno != EINVAL)
+    if (mdc_fsync(file.fd.get(), 1) != 0)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot flush " + file.path);
 }
 
