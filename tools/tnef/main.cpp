@@ -30,6 +30,7 @@ constexpr const char* kUsage =
     "  props FILE          every MAPI property of a TNEF file, readable\n"
     "  body FILE           the message's body: HTML, text or RTF\n"
     "  rtf FILE            RTF out of a compressed RTF value, and what it encapsulates\n"
+    "  store check         what interrupted work left in the store; --repair removes it\n"
     "  getprop FILE [REQ]  MAPI properties of a TNEF file as property text\n"
     "  writeblob -o OUT    a TNEF file from property texts\n"
     "  scan FILE           walk a TNEF file attribute by attribute\n"
@@ -54,6 +55,7 @@ constexpr Command kCommands[] = {
     {"show", cmdShow}, {"getprop", cmdGetprop}, {"writeblob", cmdWriteblob},
     {"scan", cmdScan}, {"encode", cmdEncode}, {"props", cmdProps},
     {"body", cmdBody},     {"rtf", cmdRtf},
+    {"store", cmdStore},
 };
 
 const Command* findCommand(const std::string& name) {

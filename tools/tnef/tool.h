@@ -127,3 +127,4 @@ int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args);
 int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args);
+int cmdStore(const GlobalOptions& g, const std::vector<std::string>& args);
