@@ -285,7 +285,7 @@ void tf_WrapRecord(const TFREC* record, TFREC* wrapped) {
     if (wrapped != record) std::memcpy(wrapped->bytes, record->bytes, sizeof record->bytes);
     uint32_t length = tf_GetLength(wrapped);
     if (length < TF_RECORD_HEADER) length = TF_RECORD_HEADER;
-    // 4080 is a multiple of 4, so rounding up never passes it.
+    // The capacity is a multiple of 4, so rounding up never passes it.
     const uint32_t padded = length > TF_RECORD_MAX ? TF_RECORD_MAX : (length + 3) & ~3u;
     std::memset(wrapped->bytes + length, 0, padded > length ? padded - length : 0);
     store::putLe32(wrapped->bytes, padded);
