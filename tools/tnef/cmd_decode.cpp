@@ -36,7 +36,39 @@ struct DecodeResult {
     StoredSummary summary;
     uint16_t receipt = 0;
     uint32_t replyRequested = 0;
+    TnefDecodeReport report{};
 };
+
+// "1 attachment" / "2 attachments".
+std::string attachments(uint32_t n) {
+    return std::to_string(n) + (n == 1 ? " attachment" : " attachments");
+}
+
+// What the library counted as not stored, in words.
+std::vector<std::string> warningsOf(const TnefDecodeReport& r) {
+    std::vector<std::string> w;
+    if (r.dataWithoutProperties != 0)
+        w.push_back(attachments(r.dataWithoutProperties) +
+                    " with data but no attAttachment record: their data was not stored "
+                    "(extract writes it)");
+    if (r.propertiesWithoutData != 0)
+        w.push_back(attachments(r.propertiesWithoutData) +
+                    " with properties but no attAttachData record: no part stored (their "
+                    "properties stay in the object file)");
+    if (r.keptInObjectFile != 0)
+        w.push_back(attachments(r.keptInObjectFile) +
+                    " kept whole in the object file only (OLE objects, or data before any "
+                    "rendering record), not as parts");
+    if (r.embeddedCutShort != 0)
+        w.push_back(std::to_string(r.embeddedCutShort) +
+                    " embedded message(s) end inside a record; the rest of each was not decoded");
+    if (r.cutAt >= 0)
+        w.push_back("the stream ends inside a record: the last " + std::to_string(r.bytesNotDecoded) +
+                    " bytes, from offset " + std::to_string(r.cutAt) + ", were not decoded");
+    // The 6-byte header and one record of 11 bytes without data.
+    if (r.fileBytes < 17) w.push_back("the file is too short to hold a TNEF record");
+    return w;
+}
 
 // Builds, decodes and saves; on an escape the half-built message is removed again.
 DecodeResult decodeIntoStore(const std::string& path, const std::string& name, uint32_t addressUpdate,
@@ -52,6 +84,7 @@ DecodeResult decodeIntoStore(const std::string& path, const std::string& name, u
     try {
         tnef_Decode(message.get(), &messageFile, path.c_str(), &result.receipt,
                     &result.replyRequested, addressUpdate, suppress);
+        tnef_GetDecodeReport(&result.report);
         TfFileOwner decodedFile(messageFile);
         decodedFile.discardItem();  // Msg_Save copies it into the message
         Msg_Save(message.get(), decodedFile.get());
@@ -103,6 +136,8 @@ int cmdDecode(const GlobalOptions& g, const ParsedArgs& p) {
         return kExitError;
     }
     ::close(fd);
+    const std::vector<std::string> warnings = warningsOf(r.report);
+    for (const std::string& w : warnings) reportError(path, "warning: " + w);
     if (!g.json) return reported(r, writeOut(renderDecode(r)));
     JsonWriter j;
     j.beginObject();
@@ -112,6 +147,9 @@ int cmdDecode(const GlobalOptions& g, const ParsedArgs& p) {
         .field("reply_requested", r.replyRequested != 0);
     j.key("attachments");
     jsonParts(j, r.summary.parts, kFirstAttachmentPart);
+    j.key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
+    j.endArray();
     j.endObject();
     return reported(r, writeOut(j.text()));
 }
