@@ -8,50 +8,17 @@
 #include <utility>
 #include <vector>
 
+#include "support/blob_text.h"
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/mapi_calendar.h"
 #include "tnef/platform/mapi_date.h"
 #include "tnef/platform/mapi_props.h"
 #include "tnef/platform/os_file.h"
 
+using namespace blobtext;
+
 namespace {
 
-// ---- Helpers written apart from the platform --------------------------------------------------
-
-std::string unescape(const char* text) {
-    std::string out;
-    for (const char* p = text; *p != '\0'; ++p) {
-        if (*p == '\x1b' && p[1] != '\0') out.push_back(static_cast<char>(*++p - 0x40));
-        else out.push_back(*p);
-    }
-    return out;
-}
-
-std::string escape(const std::string& bytes) {
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x20) out += {'\x1b', static_cast<char>(c + 0x40)};
-        else out.push_back(static_cast<char>(c));
-    }
-    return out;
-}
-
-int64_t minutes(int y, unsigned mo, unsigned d, int h = 0, int mi = 0) {
-    return (mapi_DaysFromCivil(y, mo, d) + 134774) * 1440 + h * 60 + mi;
-}
-
-std::string systime(int64_t mins) {
-    const uint64_t ticks = static_cast<uint64_t>(mins) * 600000000ULL;
-    std::string b;
-    for (int i = 0; i < 8; ++i) b.push_back(static_cast<char>(ticks >> (8 * i)));
-    return escape(b);
-}
-
-std::string hex(uint32_t v) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%x", v);
-    return buf;
-}
 std::string packedDate(uint32_t y, uint32_t m, uint32_t d) { return hex(y * 512 + m * 32 + d); }
 std::string packedTime(uint32_t h, uint32_t m) { return hex(h * 4096 + m * 64); }
 
@@ -87,7 +54,7 @@ struct Pattern {
 };
 
 Pattern readPattern(const char* valueText) {
-    const std::string bytes = unescape(valueText);
+    const std::string bytes = unescape(std::string_view(valueText));
     Cursor c{bytes};
     Pattern p{};
     p.readerVersion = c.u16();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/blob_text.h"
 #include "support/store_checks.h"
 #include "support/test_home.h"
 #include "support/tnef_builder.h"
@@ -31,18 +32,6 @@ namespace {
 constexpr uint32_t kEntryId = 0x0FFF0102;  // PT_BINARY
 constexpr uint32_t kDisplayName = 0x3001001E;
 constexpr uint32_t kMvLong = 0x36E41003;
-
-// The blob text of raw bytes, as the decoder escapes them.
-std::string escaped(std::string_view bytes) {
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x20)
-            out += '\x1b', out += static_cast<char>(c + 0x40);
-        else
-            out += static_cast<char>(c);
-    }
-    return out;
-}
 
 // What tnef_ParseData writes for the text into an empty stream; the buffer is exactly as
 // long as the text, so a read past its end is caught under the address sanitizer.
@@ -163,10 +152,10 @@ TEST(ParseData, FurtherValuesWithoutARecordToGrowAreDropped) {
 TEST(ParseData, NamedEntriesTakeTheLastPropertySet) {
     TestHome home;
     const std::string common = blob("GUID|") +
-                               escaped(std::string(PSETID_Common.begin(), PSETID_Common.end())) +
+                               blobtext::escape(std::string(PSETID_Common.begin(), PSETID_Common.end())) +
                                blob(";");
     const std::string keywords = utf16le("Keywords");
-    expectParsed(home, common + blob("#3/8205|5;:1f/") + escaped(keywords) + blob("|a\x1b@;"),
+    expectParsed(home, common + blob("#3/8205|5;:1f/") + blobtext::escape(keywords) + blob("|a\x1b@;"),
                  props(PropList().namedId(PSETID_Common, 0x8205).long32(namedTag(PT_LONG, 0), 5)) +
                      props(PropList()
                                .namedString(PSETID_Common, keywords)
@@ -188,7 +177,7 @@ TEST(ParseData, StringNamesLongerThanTheBufferAreRejectedWhole) {
     TestHome home;
     // The limit counts unescaped bytes: 1022 control bytes take 2044 bytes of text.
     for (const std::string& name : {std::string(1022, 'n'), std::string(1022, '\x01')})
-        expectParsed(home, ":3/" + escaped(name) + blob("|1;"),
+        expectParsed(home, ":3/" + blobtext::escape(name) + blob("|1;"),
                      props(PropList().namedString(Guid{}, name).long32(namedTag(PT_LONG, 0), 1)));
     const std::string tooLong(1023, 'n');
     expectParsed(home, ":101e/" + tooLong + blob("|a|b;170003|2;"),
