@@ -261,6 +261,5 @@ TEST(AddAttachment, TextPartsGetCrBeforeBareLineFeedsOthersPassUnchanged) {
         tnef_AddAttachment(s.out.get(), item.get(), c.size, c.type);
         EXPECT_TRUE(sameBytes(s.added(), Stream().record(2, attAttachData, c.written).bytes()))
             << c.type << " " << c.size;
-        EXPECT_EQ(tnefWriterState.checksum, tnefbuild::byteSum16(c.written));
     }
 }
