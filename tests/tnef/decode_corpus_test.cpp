@@ -43,20 +43,6 @@ constexpr uint32_t kReceivedParts = 2;
 
 // ---- Tables ---------------------------------------------------------------------------------
 
-// Rows of a tab-separated file, without comments ('#') and empty lines.
-std::vector<std::vector<std::string>> readTsv(const std::string& path) {
-    std::vector<std::vector<std::string>> rows;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        std::vector<std::string> cells;
-        std::istringstream fields(line);
-        for (std::string cell; std::getline(fields, cell, '\t');) cells.push_back(cell);
-        rows.push_back(cells);
-    }
-    return rows;
-}
-
 std::string dataFile(const std::string& name) {
     return std::string(TNEF_SOURCE_DIR) + "/tests/data/" + name;
 }
@@ -73,7 +59,7 @@ void PrintTo(const CorpusRow& row, std::ostream* os) {
 
 std::vector<CorpusRow> corpusTable() {
     std::vector<CorpusRow> rows;
-    for (const auto& cells : readTsv(dataFile("decode_corpus.tsv")))
+    for (const auto& cells : tsvRows(dataFile("decode_corpus.tsv")))
         if (cells.size() == 3) rows.push_back({cells[0], cells[1], cells[2]});
     return rows;
 }
@@ -88,7 +74,7 @@ struct Difference {
 
 std::vector<Difference> differencesTable() {
     std::vector<Difference> rows;
-    for (const auto& cells : readTsv(dataFile("decode_oracle_differences.tsv")))
+    for (const auto& cells : tsvRows(dataFile("decode_oracle_differences.tsv")))
         if (cells.size() == 5) rows.push_back({cells[0], cells[1], cells[2], cells[3], cells[4]});
     return rows;
 }
@@ -103,7 +89,7 @@ struct OracleFile {
 // The files the extractors wrote for one corpus file (rows naming "-" wrote nothing).
 std::vector<OracleFile> oracleFiles(const std::string& corpus, const std::string& file) {
     std::vector<OracleFile> files;
-    for (const auto& cells : readTsv(corpus + "/oracle.tsv"))
+    for (const auto& cells : tsvRows(corpus + "/oracle.tsv"))
         if (cells.size() >= 6 && cells[0] == file && cells[3] != "-")
             files.push_back({cells[1], cells[3], std::stoull(cells[4]), cells[5]});
     return files;

@@ -269,12 +269,8 @@ TEST(Scan, EveryCorpusFileScansAndListsTheAttachmentsBothExtractorsSaw) {
     // Where only one extractor wrote a file, it made it from records other than
     // attAttachment (an attAttachData alone, a calendar from the message properties).
     std::map<std::string, std::set<std::string>> extractedBy;
-    std::ifstream oracle(corpus + "/oracle.tsv");
-    for (std::string file, tool, exit, name, rest; std::getline(oracle, file, '\t');) {
-        std::getline(oracle, tool, '\t'), std::getline(oracle, exit, '\t');
-        std::getline(oracle, name, '\t'), std::getline(oracle, rest);
-        if (!name.empty() && name != "-" && name != "name") extractedBy[file].insert(tool);
-    }
+    for (const auto& row : tsvRows(corpus + "/oracle.tsv"))
+        if (row.size() > 3 && !row[3].empty() && row[3] != "-" && row[3] != "name") extractedBy[row[0]].insert(row[1]);
     TestHome home;
     std::map<std::string, Scanned> results;
     for (const auto& entry : std::filesystem::directory_iterator(corpus + "/files")) {
