@@ -266,6 +266,9 @@ TEST(MapiTimeZone, LocalTimesChangeOffsetAtTheTransitions) {
     const MAPI_TIMEZONE eastern = zoneOf(10), sydney = zoneOf(57);
     MAPI_TIMEZONE broken = eastern;  // transitions that name no real day: standard time
     broken.daylightDate.day = 9;
+    MAPI_TIMEZONE dated = eastern;  // 2024's transitions as dates of that year only
+    dated.daylightDate = {2024, 3, 0, 10, 2, 0, 0, 0};
+    dated.standardDate = {2024, 11, 0, 3, 2, 0, 0, 0};
     // New York 2024: daylight time from 10 March 02:00 to 3 November 02:00; Sydney keeps
     // daylight time over the new year.
     const struct {
@@ -281,6 +284,8 @@ TEST(MapiTimeZone, LocalTimesChangeOffsetAtTheTransitions) {
         {&sydney, minutes(2025, 1, 15, 12), minutes(2025, 1, 15, 1), true},
         {&sydney, minutes(2025, 7, 15, 12), minutes(2025, 7, 15, 2), true},
         {&broken, minutes(2024, 7, 1), minutes(2024, 7, 1, 5), true},
+        {&dated, minutes(2024, 7, 1), minutes(2024, 7, 1, 4), true},
+        {&dated, minutes(2025, 7, 1), minutes(2025, 7, 1, 5), true},
     };
     for (const auto& r : rows) {
         if (r.both) {

@@ -283,12 +283,16 @@ TEST(Reader, DamagedFilesAreFlagsAndCutsAtEveryOffsetStayInBounds) {
 }
 
 TEST(Reader, PublishedNamesAreFoundBothWays) {
+    // Both tables are strictly sorted (one name per tag or set and number), and name a text
+    // property by its 8-bit form, which the lookup finds for the Unicode form too.
     const auto props = tnef_PropNameTable();
-    EXPECT_TRUE(std::is_sorted(props.begin(), props.end(), [](auto& a, auto& b) { return a.tag < b.tag; }));
+    EXPECT_TRUE(std::adjacent_find(props.begin(), props.end(), [](auto& a, auto& b) { return a.tag >= b.tag; }) ==
+                props.end());
+    for (const auto& p : props) EXPECT_NE(p.tag & 0xEFFF, PT_UNICODE) << p.name;
     const auto named = tnef_NamedPropNameTable();
-    EXPECT_TRUE(std::is_sorted(named.begin(), named.end(), [](auto& a, auto& b) {
-        return a.set != b.set ? a.set < b.set : a.lid < b.lid;
-    }));
+    EXPECT_TRUE(std::adjacent_find(named.begin(), named.end(), [](auto& a, auto& b) {
+                    return a.set != b.set ? a.set > b.set : a.lid >= b.lid;
+                }) == named.end());
     EXPECT_STREQ(tnef_PropName(0x0037001F), "PR_SUBJECT");  // the Unicode form of an 8-bit name
     EXPECT_STREQ(tnef_PropName(0x3A56101F), "PR_CONTACT_EMAIL_ADDRESSES");
     EXPECT_STREQ(tnef_PropName(PR_ATTACH_DATA_BIN), "PR_ATTACH_DATA_BIN");
