@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -253,6 +254,19 @@ TEST(AttachList, CopyReachesAppendingFilesAndPipes) {
     } catch (const Escape& e) {
         EXPECT_EQ(e.group, ER_GROUP_IO);
         EXPECT_EQ(e.reason, EIO);
+    }
+    // A pipe whose reader is gone refuses every write: the copy says so and stops.
+    readEnd.close();
+    int closedPipe[2];
+    ASSERT_EQ(::pipe(closedPipe), 0);
+    OsFd deaf(closedPipe[1]);
+    ::close(closedPipe[0]);
+    ::signal(SIGPIPE, SIG_IGN);
+    try {
+        tnef_CopyAttachment(in.get(), &list.attachments[1], deaf.get());
+        ADD_FAILURE() << "no escape";
+    } catch (const Escape& e) {
+        EXPECT_EQ(e.reason, EPIPE);
     }
 }
 
