@@ -1,54 +1,24 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "support/blob_text.h"
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/mapi_calendar.h"
 #include "tnef/platform/mapi_date.h"
 #include "tnef/platform/mapi_props.h"
 #include "tnef/platform/os_file.h"
 
+using namespace blobtext;
+
 namespace {
 
-// ---- Helpers written apart from the platform --------------------------------------------------
-
-std::string unescape(const char* text) {
-    std::string out;
-    for (const char* p = text; *p != '\0'; ++p) {
-        if (*p == '\x1b' && p[1] != '\0') out.push_back(static_cast<char>(*++p - 0x40));
-        else out.push_back(*p);
-    }
-    return out;
-}
-
-std::string escape(const std::string& bytes) {
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x20) out += {'\x1b', static_cast<char>(c + 0x40)};
-        else out.push_back(static_cast<char>(c));
-    }
-    return out;
-}
-
-int64_t minutes(int y, unsigned mo, unsigned d, int h = 0, int mi = 0) {
-    return (mapi_DaysFromCivil(y, mo, d) + 134774) * 1440 + h * 60 + mi;
-}
-
-std::string systime(int64_t mins) {
-    const uint64_t ticks = static_cast<uint64_t>(mins) * 600000000ULL;
-    std::string b;
-    for (int i = 0; i < 8; ++i) b.push_back(static_cast<char>(ticks >> (8 * i)));
-    return escape(b);
-}
-
-std::string hex(uint32_t v) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%x", v);
-    return buf;
-}
 std::string packedDate(uint32_t y, uint32_t m, uint32_t d) { return hex(y * 512 + m * 32 + d); }
 std::string packedTime(uint32_t h, uint32_t m) { return hex(h * 4096 + m * 64); }
 
@@ -84,7 +54,7 @@ struct Pattern {
 };
 
 Pattern readPattern(const char* valueText) {
-    const std::string bytes = unescape(valueText);
+    const std::string bytes = unescape(std::string_view(valueText));
     Cursor c{bytes};
     Pattern p{};
     p.readerVersion = c.u16();
@@ -228,43 +198,28 @@ TEST(MapiGlobalObjectId, ReadsTheBigEndianYearAndWritesTheSameBytesBack) {
 }
 
 TEST(MapiTimeZone, KnownNumbersCarryThePublishedBiasAndTransitions) {
-    uint8_t raw[MAPI_TIMEZONE_DATA_SIZE];
-    ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(10, raw));
-    Zone z = readZone(raw);
-    EXPECT_EQ(z.bias, 300);
-    EXPECT_EQ(z.standardBias, 0);
-    EXPECT_EQ(z.daylightBias, -60);
-    const uint16_t firstSundayNov2am[8] = {0, 11, 0, 1, 2, 0, 0, 0};
-    const uint16_t secondSundayMar2am[8] = {0, 3, 0, 2, 2, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(z.std, firstSundayNov2am, sizeof z.std));
-    EXPECT_EQ(0, std::memcmp(z.dlt, secondSundayMar2am, sizeof z.dlt));
+    // Transitions: year, month, day of week, week (5 = last), hour, minute, second, ms.
+    const struct {
+        uint32_t tzNum;
+        int32_t bias, daylightBias;
+        std::array<uint16_t, 8> standard, daylight;
+    } zones[] = {
+        {10, 300, -60, {0, 11, 0, 1, 2, 0, 0, 0}, {0, 3, 0, 2, 2, 0, 0, 0}},  // New York
+        {1, 0, -60, {0, 10, 0, 5, 2, 0, 0, 0}, {0, 3, 0, 5, 1, 0, 0, 0}},     // London
+        {57, -600, -60, {0, 4, 0, 1, 3, 0, 0, 0}, {0, 10, 0, 1, 2, 0, 0, 0}},  // Sydney
+        {0x8000000Au, 300, 0, {}, {}},  // bit 31 keeps the zone on standard time
+        {0x0001000Au, 300, -60, {0, 11, 0, 1, 2, 0, 0, 0}, {0, 3, 0, 2, 2, 0, 0, 0}},  // not read
+    };
+    for (const auto& zone : zones) {
+        uint8_t raw[MAPI_TIMEZONE_DATA_SIZE];
+        ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(zone.tzNum, raw)) << zone.tzNum;
+        const Zone z = readZone(raw);
+        EXPECT_EQ(z.bias, zone.bias) << zone.tzNum;
+        EXPECT_EQ(z.daylightBias, zone.daylightBias) << zone.tzNum;
+        EXPECT_EQ(0, std::memcmp(z.std, zone.standard.data(), sizeof z.std)) << zone.tzNum;
+        EXPECT_EQ(0, std::memcmp(z.dlt, zone.daylight.data(), sizeof z.dlt)) << zone.tzNum;
+    }
     EXPECT_STREQ(mapi_tzNum_toIcalTZID(10), "(UTC-05:00) Eastern Time (US & Canada)");
-
-    ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(1, raw));
-    z = readZone(raw);
-    EXPECT_EQ(z.bias, 0);
-    EXPECT_EQ(z.std[1], 10);
-    EXPECT_EQ(z.std[3], 5) << "last Sunday";
-    EXPECT_EQ(z.std[4], 2);
-    EXPECT_EQ(z.dlt[1], 3);
-    EXPECT_EQ(z.dlt[4], 1);
-
-    ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(57, raw));
-    z = readZone(raw);
-    EXPECT_EQ(z.bias, -600);
-    EXPECT_EQ(z.std[1], 4) << "southern hemisphere: standard time from April";
-    EXPECT_EQ(z.dlt[1], 10);
-
-    // Bit 31 keeps the zone on standard time; the other high bits are not read.
-    ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(0x8000000Au, raw));
-    z = readZone(raw);
-    EXPECT_EQ(z.bias, 300);
-    EXPECT_EQ(z.daylightBias, 0);
-    EXPECT_EQ(z.dlt[1], 0);
-    EXPECT_EQ(z.std[1], 0);
-    ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(0x0001000Au, raw));
-    EXPECT_EQ(readZone(raw).dlt[1], 3);
-
     uint8_t untouched[MAPI_TIMEZONE_DATA_SIZE];
     std::memset(untouched, 0xAB, sizeof untouched);
     for (uint32_t unknown : {0u, 2u, 0xFFFFu, 1000u}) {
@@ -308,197 +263,192 @@ TEST(MapiTimeZone, EveryTableEntryAgreesWithItsOwnName) {
 }
 
 TEST(MapiTimeZone, LocalTimesChangeOffsetAtTheTransitions) {
-    const MAPI_TIMEZONE eastern = zoneOf(10);
-    // 2024: daylight time from 10 March 02:00 to 3 November 02:00.
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&eastern, minutes(2024, 3, 10, 1, 59)), minutes(2024, 3, 10, 6, 59));
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&eastern, minutes(2024, 3, 10, 3, 0)), minutes(2024, 3, 10, 7, 0));
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&eastern, minutes(2024, 11, 3, 0, 30)), minutes(2024, 11, 3, 4, 30));
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&eastern, minutes(2024, 11, 3, 2, 0)), minutes(2024, 11, 3, 7, 0));
-    EXPECT_EQ(mapi_UtcToLocalMinutes(&eastern, minutes(2024, 3, 10, 6, 59)), minutes(2024, 3, 10, 1, 59));
-    EXPECT_EQ(mapi_UtcToLocalMinutes(&eastern, minutes(2024, 3, 10, 7, 0)), minutes(2024, 3, 10, 3, 0));
-    EXPECT_EQ(mapi_UtcToLocalMinutes(&eastern, minutes(2024, 11, 3, 6, 0)), minutes(2024, 11, 3, 1, 0));
-
-    // Sydney keeps daylight time over the new year.
-    const MAPI_TIMEZONE sydney = zoneOf(57);
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&sydney, minutes(2025, 1, 15, 12)), minutes(2025, 1, 15, 1));
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&sydney, minutes(2025, 7, 15, 12)), minutes(2025, 7, 15, 2));
-    EXPECT_EQ(mapi_UtcToLocalMinutes(&sydney, minutes(2025, 1, 15, 1)), minutes(2025, 1, 15, 12));
-
-    // A structure whose transitions name no real day keeps standard time.
-    MAPI_TIMEZONE broken = eastern;
+    const MAPI_TIMEZONE eastern = zoneOf(10), sydney = zoneOf(57);
+    MAPI_TIMEZONE broken = eastern;  // transitions that name no real day: standard time
     broken.daylightDate.day = 9;
-    EXPECT_EQ(mapi_LocalToUtcMinutes(&broken, minutes(2024, 7, 1)), minutes(2024, 7, 1, 5));
+    MAPI_TIMEZONE dated = eastern;  // 2024's transitions as dates of that year only
+    dated.daylightDate = {2024, 3, 0, 10, 2, 0, 0, 0};
+    dated.standardDate = {2024, 11, 0, 3, 2, 0, 0, 0};
+    // New York 2024: daylight time from 10 March 02:00 to 3 November 02:00; Sydney keeps
+    // daylight time over the new year.
+    const struct {
+        const MAPI_TIMEZONE* zone;
+        int64_t local, utc;
+        bool both;  // UTC to local gives the local time back
+    } rows[] = {
+        {&eastern, minutes(2024, 3, 10, 1, 59), minutes(2024, 3, 10, 6, 59), true},
+        {&eastern, minutes(2024, 3, 10, 3, 0), minutes(2024, 3, 10, 7, 0), true},
+        {&eastern, minutes(2024, 11, 3, 0, 30), minutes(2024, 11, 3, 4, 30), true},
+        {&eastern, minutes(2024, 11, 3, 2, 0), minutes(2024, 11, 3, 7, 0), true},
+        {&eastern, minutes(2024, 11, 3, 1, 0), minutes(2024, 11, 3, 6, 0), false},
+        {&sydney, minutes(2025, 1, 15, 12), minutes(2025, 1, 15, 1), true},
+        {&sydney, minutes(2025, 7, 15, 12), minutes(2025, 7, 15, 2), true},
+        {&broken, minutes(2024, 7, 1), minutes(2024, 7, 1, 5), true},
+        {&dated, minutes(2024, 7, 1), minutes(2024, 7, 1, 4), true},
+        {&dated, minutes(2025, 7, 1), minutes(2025, 7, 1, 5), true},
+    };
+    for (const auto& r : rows) {
+        if (r.both) {
+            EXPECT_EQ(mapi_LocalToUtcMinutes(r.zone, r.local), r.utc) << r.local;
+        }
+        EXPECT_EQ(mapi_UtcToLocalMinutes(r.zone, r.utc), r.local) << r.utc;
+    }
     uint8_t raw[MAPI_TIMEZONE_DATA_SIZE] = {};
     EXPECT_FALSE(mapi_TimezoneFromRaw(raw, 47, &broken));
 }
 
-TEST(MapiRecurrence, WeeklyPatternReadsBackWithItsDaysRangeAndTimes) {
-    Recurrence r;
-    r.in(10)
-        .set(&R::startDate, systime(minutes(2024, 1, 1, 15)))
-        .set(&R::endDate, systime(minutes(2024, 1, 1, 16)))
-        .set(&R::startRecurDate, packedDate(2024, 1, 1))
-        .set(&R::startRecurTime, packedTime(10, 0))
-        .set(&R::endRecurDate, packedDate(2024, 3, 31))
-        .set(&R::weekInterval, "2")
-        .set(&R::dayOfWeekMask, "a");  // Monday and Wednesday
-    const std::string text = r.build();
-    ASSERT_FALSE(text.empty());
-    const Pattern p = readPattern(text.c_str());
-    EXPECT_TRUE(p.wholeAndExact);
-    EXPECT_EQ(p.readerVersion, 0x3004);
-    EXPECT_EQ(p.writerVersion, 0x3004);
-    EXPECT_EQ(p.frequency, 0x200B);
-    EXPECT_EQ(p.patternType, 1);
-    EXPECT_EQ(p.period, 2u);
-    EXPECT_EQ(p.specific, 0x0Au);
-    EXPECT_EQ(p.endType, 0x2021u);
-    // Every other week from 1 January to 31 March: 7 weeks, two days each, the last 27 March.
-    EXPECT_EQ(p.occurrences, 14u);
-    EXPECT_EQ(p.startDate, minutes(2024, 1, 1));
-    EXPECT_EQ(p.endDate, minutes(2024, 3, 27));
-    EXPECT_EQ(p.firstDow, 0u);
-    // FirstDateTime names the series' weeks: the first week (from Sunday 31 December) is a
-    // whole number of periods after it.
-    const uint32_t periodMinutes = 2 * 10080;
-    EXPECT_LT(p.firstDateTime, periodMinutes);
-    EXPECT_EQ((minutes(2023, 12, 31) - p.firstDateTime) % periodMinutes, 0);
-    EXPECT_EQ(p.startOffset, 600u);
-    EXPECT_EQ(p.endOffset, 660u);
-    EXPECT_EQ(p.readerVersion2, 0x3006u);
-    EXPECT_EQ(p.exceptions, 0);
+using Setting = std::pair<char* R::*, std::string>;
 
-    EXPECT_EQ(r.p.recurrenceType, MAPI_RECURTYPE_WEEKLY);
-    ASSERT_NE(r.p.clipStart, nullptr);
-    ASSERT_NE(r.p.clipEnd, nullptr);
-    EXPECT_EQ(std::string(r.p.clipStart), systime(minutes(2024, 1, 1, 5))) << "local midnight, EST";
-    EXPECT_EQ(std::string(r.p.clipEnd), systime(minutes(2024, 3, 27, 4))) << "local midnight, EDT";
-}
+// Every other Monday and Wednesday, 10:00 to 11:00 in New York, 1 January to 31 March 2024.
+const std::vector<Setting> kWeekly = {
+    {&R::startDate, systime(minutes(2024, 1, 1, 15))}, {&R::endDate, systime(minutes(2024, 1, 1, 16))},
+    {&R::startRecurDate, packedDate(2024, 1, 1)},     {&R::startRecurTime, packedTime(10, 0)},
+    {&R::endRecurDate, packedDate(2024, 3, 31)},      {&R::weekInterval, "2"},
+    {&R::dayOfWeekMask, "a"}};
 
-TEST(MapiRecurrence, DailyMonthlyAndYearlyPatternsReadBack) {
-    {  // Every third day without end; the time of day from PR_START_DATE in London (GMT).
+// Each pattern as a reader of the published layout sees it, with the clip range the
+// legacy values get.
+TEST(MapiRecurrence, PatternsReadBackWithTheirDaysRangeAndTimes) {
+    struct Case {
+        const char* what;
+        uint32_t zone;
+        std::vector<Setting> settings;
+        uint16_t frequency, patternType;
+        uint32_t period, specific, endType, occurrences, startDate, endDate, startOffset, endOffset;
+        std::string clipStart, clipEnd;
+        uint32_t recurrenceType;
+    };
+    const Case cases[] = {
+        // 7 weeks, two days each, the last 27 March; clips at local midnight, EST then EDT.
+        {"weekly", 10, kWeekly, 0x200B, 1, 2, 0x0A, 0x2021, 14, uint32_t(minutes(2024, 1, 1)),
+         uint32_t(minutes(2024, 3, 27)), 600, 660, systime(minutes(2024, 1, 1, 5)),
+         systime(minutes(2024, 3, 27, 4)), MAPI_RECURTYPE_WEEKLY},
+        // Every third day without end; the time of day from PR_START_DATE in London.
+        {"daily",
+         1,
+         {{&R::startDate, systime(minutes(2024, 2, 28, 14, 30))},
+          {&R::endDate, systime(minutes(2024, 2, 28, 15))},
+          {&R::startRecurDate, packedDate(2024, 2, 28)},
+          {&R::endRecurDate, packedDate(4500, 12, 31)},
+          {&R::dayInterval, "3"}},
+         0x200A, 0, 3 * 1440, 0, 0x2023, 10, uint32_t(minutes(2024, 2, 28)), 0x5AE980DF, 870, 900,
+         systime(minutes(2024, 2, 28)), systime(minutes(4500, 8, 31, 23, 59)), MAPI_RECURTYPE_DAILY},
+        // The 31st of every month, cut to the month's end; times from the legacy values (Tokyo).
+        {"monthly",
+         20,
+         {{&R::startRecurDate, packedDate(2024, 1, 15)},
+          {&R::startRecurTime, packedTime(9, 0)},
+          {&R::endRecurTime, packedTime(10, 30)},
+          {&R::endRecurDate, packedDate(2024, 6, 30)},
+          {&R::monthInterval, "1"},
+          {&R::dayOfMonthMask, hex(1u << 30)}},
+         0x200C, 2, 1, 31, 0x2021, 6, uint32_t(minutes(2024, 1, 31)), uint32_t(minutes(2024, 6, 30)),
+         540, 630, systime(minutes(2024, 1, 30, 15)), systime(minutes(2024, 6, 29, 15)),
+         MAPI_RECURTYPE_MONTHLY},
+        // 15 March every year, all day, in Sydney; the range opens after this year's.
+        {"yearly",
+         57,
+         {{&R::startDate, systime(minutes(2025, 3, 14, 13))},
+          {&R::endDate, systime(minutes(2025, 3, 15, 13))},
+          {&R::startRecurDate, packedDate(2024, 5, 1)},
+          {&R::endRecurDate, packedDate(2030, 12, 31)},
+          {&R::yearInterval, "1"},
+          {&R::monthOfYearMask, "4"},
+          {&R::dayOfMonthMask, hex(1u << 14)},
+          {&R::allDay, "1"}},
+         0x200D, 2, 12, 15, 0x2021, 6, uint32_t(minutes(2025, 3, 15)), uint32_t(minutes(2030, 3, 15)),
+         0, 1440, systime(minutes(2025, 3, 14, 13)), systime(minutes(2030, 3, 14, 13)),
+         MAPI_RECURTYPE_YEARLY},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         Recurrence r;
-        r.in(1)
-            .set(&R::startDate, systime(minutes(2024, 2, 28, 14, 30)))
-            .set(&R::endDate, systime(minutes(2024, 2, 28, 15)))
-            .set(&R::startRecurDate, packedDate(2024, 2, 28))
-            .set(&R::endRecurDate, packedDate(4500, 12, 31))
-            .set(&R::dayInterval, "3");
-        const Pattern p = readPattern(r.build().c_str());
+        r.in(c.zone);
+        for (const auto& [member, value] : c.settings) r.set(member, value);
+        const std::string text = r.build();
+        ASSERT_FALSE(text.empty());
+        const Pattern p = readPattern(text.c_str());
         EXPECT_TRUE(p.wholeAndExact);
-        EXPECT_EQ(p.frequency, 0x200A);
-        EXPECT_EQ(p.patternType, 0);
-        EXPECT_EQ(p.period, 3u * 1440);
-        EXPECT_EQ(p.endType, 0x2023u);
-        EXPECT_EQ(p.occurrences, 10u);
-        EXPECT_EQ(p.endDate, 0x5AE980DFu);
-        EXPECT_EQ((p.startDate - p.firstDateTime) % p.period, 0u);
-        EXPECT_EQ(p.startOffset, 870u);
-        EXPECT_EQ(p.endOffset, 900u);
-        EXPECT_EQ(r.p.recurrenceType, MAPI_RECURTYPE_DAILY);
-        EXPECT_EQ(std::string(r.p.clipEnd), systime(minutes(4500, 8, 31, 23, 59)));
-    }
-    {  // The 31st of every month, cut to the month's end; times from the legacy values (Tokyo).
-        Recurrence r;
-        r.in(20)
-            .set(&R::startRecurDate, packedDate(2024, 1, 15))
-            .set(&R::startRecurTime, packedTime(9, 0))
-            .set(&R::endRecurTime, packedTime(10, 30))
-            .set(&R::endRecurDate, packedDate(2024, 6, 30))
-            .set(&R::monthInterval, "1")
-            .set(&R::dayOfMonthMask, hex(1u << 30));
-        const Pattern p = readPattern(r.build().c_str());
-        EXPECT_TRUE(p.wholeAndExact);
-        EXPECT_EQ(p.frequency, 0x200C);
-        EXPECT_EQ(p.patternType, 2);
-        EXPECT_EQ(p.specific, 31u);
-        EXPECT_EQ(p.firstDateTime, 0u);
-        EXPECT_EQ(p.startDate, minutes(2024, 1, 31));
-        EXPECT_EQ(p.endDate, minutes(2024, 6, 30));
-        EXPECT_EQ(p.occurrences, 6u) << "Jan 31, Feb 29, Mar 31, Apr 30, May 31, Jun 30";
-        EXPECT_EQ(p.startOffset, 540u);
-        EXPECT_EQ(p.endOffset, 630u);
-        EXPECT_EQ(std::string(r.p.clipStart), systime(minutes(2024, 1, 30, 15)));
-    }
-    {  // 15 March every year, an all-day event, in Sydney; the range opens after this year's.
-        Recurrence r;
-        r.in(57)
-            .set(&R::startDate, systime(minutes(2025, 3, 14, 13)))
-            .set(&R::endDate, systime(minutes(2025, 3, 15, 13)))
-            .set(&R::startRecurDate, packedDate(2024, 5, 1))
-            .set(&R::endRecurDate, packedDate(2030, 12, 31))
-            .set(&R::yearInterval, "1")
-            .set(&R::monthOfYearMask, "4")
-            .set(&R::dayOfMonthMask, hex(1u << 14))
-            .set(&R::allDay, "1");
-        const Pattern p = readPattern(r.build().c_str());
-        EXPECT_TRUE(p.wholeAndExact);
-        EXPECT_EQ(p.frequency, 0x200D);
-        EXPECT_EQ(p.patternType, 2);
-        EXPECT_EQ(p.period, 12u);
-        EXPECT_EQ(p.specific, 15u);
-        EXPECT_EQ(p.firstDateTime, (31u + 28u) * 1440u) << "March of 1601";
-        EXPECT_EQ(p.startDate, minutes(2025, 3, 15));
-        EXPECT_EQ(p.occurrences, 6u);
-        EXPECT_EQ(p.startOffset, 0u);
-        EXPECT_EQ(p.endOffset, 1440u);
-        EXPECT_EQ(r.p.recurrenceType, MAPI_RECURTYPE_YEARLY);
-        EXPECT_EQ(std::string(r.p.clipStart), systime(minutes(2025, 3, 14, 13))) << "AEDT";
+        EXPECT_EQ(p.readerVersion, 0x3004);
+        EXPECT_EQ(p.writerVersion, 0x3004);
+        EXPECT_EQ(p.readerVersion2, 0x3006u);
+        EXPECT_EQ(p.frequency, c.frequency);
+        EXPECT_EQ(p.patternType, c.patternType);
+        EXPECT_EQ(p.period, c.period);
+        EXPECT_EQ(p.specific, c.specific);
+        EXPECT_EQ(p.endType, c.endType);
+        EXPECT_EQ(p.occurrences, c.occurrences);
+        EXPECT_EQ(p.startDate, c.startDate);
+        EXPECT_EQ(p.endDate, c.endDate);
+        EXPECT_EQ(p.startOffset, c.startOffset);
+        EXPECT_EQ(p.endOffset, c.endOffset);
+        EXPECT_EQ(p.firstDow, 0u);
+        EXPECT_EQ(p.exceptions, 0);
+        EXPECT_EQ(r.p.recurrenceType, c.recurrenceType);
+        ASSERT_NE(r.p.clipStart, nullptr);
+        ASSERT_NE(r.p.clipEnd, nullptr);
+        EXPECT_EQ(std::string(r.p.clipStart), c.clipStart);
+        EXPECT_EQ(std::string(r.p.clipEnd), c.clipEnd);
+        // FirstDateTime names the series' periods: the first period (a week from Sunday 31
+        // December, a day, the month or year of the first instance) is a whole number of
+        // periods after it.
+        if (c.frequency == 0x200B) {
+            EXPECT_LT(p.firstDateTime, 2u * 10080);
+            EXPECT_EQ((minutes(2023, 12, 31) - p.firstDateTime) % (2 * 10080), 0);
+        } else if (c.frequency == 0x200A) {
+            EXPECT_EQ((p.startDate - p.firstDateTime) % p.period, 0u);
+        } else {
+            EXPECT_EQ(p.firstDateTime, c.frequency == 0x200C ? 0u : (31u + 28u) * 1440u);
+        }
     }
 }
 
 TEST(MapiRecurrence, ValuesThatNameNoSinglePatternBuildNothing) {
-    struct Case {
-        const char* why;
-        char* WM_RECURRENCE_PROPS::*member;
-        std::string value;
+    const std::vector<Setting> cases = {
+        {&R::dayInterval, "1"},                         // a second interval
+        {&R::dayOfWeekMask, "0"},                       // no day of the week
+        {&R::dayOfWeekMask, "80"},                      // a day beyond Saturday
+        {&R::weekInterval, "zz"},                       // an interval that is no number
+        {&R::startRecurDate, packedDate(2024, 13, 1)},  // a start month 13
+        {&R::endRecurDate, packedDate(2023, 12, 1)},    // an end before the start
+        {&R::endRecurDate, "0"},                        // an end date of 0
+        {&R::startRecurTime, packedTime(24, 0)},        // a start hour 24
+        {&R::weekInterval, "64"},                       // an interval of 100 weeks
+        {&R::endRecurDate, ""},                         // no end is not taken for "never ends"
     };
-    const Case cases[] = {
-        {"a second interval", &R::dayInterval, "1"},
-        {"no day of the week", &R::dayOfWeekMask, "0"},
-        {"a day beyond Saturday", &R::dayOfWeekMask, "80"},
-        {"an interval that is no number", &R::weekInterval, "zz"},
-        {"a start month 13", &R::startRecurDate, packedDate(2024, 13, 1)},
-        {"an end before the start", &R::endRecurDate, packedDate(2023, 12, 1)},
-        {"an end date of 0", &R::endRecurDate, "0"},
-        {"a start hour 24", &R::startRecurTime, packedTime(24, 0)},
-        {"an interval of 100 weeks", &R::weekInterval, "64"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [member, value] : cases) {
         Recurrence r;
-        r.in(10)
-            .set(&R::startDate, systime(minutes(2024, 1, 1, 15)))
-            .set(&R::endDate, systime(minutes(2024, 1, 1, 16)))
-            .set(&R::startRecurDate, packedDate(2024, 1, 1))
-            .set(&R::startRecurTime, packedTime(10, 0))
-            .set(&R::endRecurDate, packedDate(2024, 3, 31))
-            .set(&R::weekInterval, "1")
-            .set(&R::dayOfWeekMask, "2");
+        r.in(10);
+        for (const auto& [m, v] : kWeekly) r.set(m, v);
         ASSERT_FALSE(r.build().empty()) << "the base case builds";
-        r.set(c.member, c.value);
-        EXPECT_TRUE(r.build().empty()) << c.why;
-        EXPECT_EQ(r.p.recurrenceType, 0u) << c.why;
-        EXPECT_EQ(r.p.clipStart, nullptr) << c.why;
-        EXPECT_EQ(r.p.clipEnd, nullptr) << c.why;
+        if (value.empty()) {
+            mdc_free(r.p.*member);
+            r.p.*member = nullptr;
+        } else {
+            r.set(member, value);
+        }
+        SCOPED_TRACE(value);
+        EXPECT_TRUE(r.build().empty());
+        EXPECT_EQ(r.p.recurrenceType, 0u);
+        EXPECT_EQ(r.p.clipStart, nullptr);
+        EXPECT_EQ(r.p.clipEnd, nullptr);
+        EXPECT_EQ(mapi_PropFromWmRecurrenceProps(&r.p, nullptr), nullptr) << "no zone";
     }
-
-    Recurrence nth;  // a weekday of the month: which week is not among the legacy values
-    nth.in(10)
-        .set(&R::startRecurDate, packedDate(2024, 1, 1))
-        .set(&R::startRecurTime, packedTime(10, 0))
-        .set(&R::endRecurTime, packedTime(11, 0))
-        .set(&R::endRecurDate, packedDate(2024, 12, 31))
-        .set(&R::monthInterval, "1")
-        .set(&R::dayOfWeekMask, "2");
+    // A weekday of the month: which week is not among the legacy values; nor two days.
+    Recurrence nth;
+    nth.in(10);
+    for (const auto& [m, v] : std::vector<Setting>{{&R::startRecurDate, packedDate(2024, 1, 1)},
+                                                   {&R::startRecurTime, packedTime(10, 0)},
+                                                   {&R::endRecurTime, packedTime(11, 0)},
+                                                   {&R::endRecurDate, packedDate(2024, 12, 31)},
+                                                   {&R::monthInterval, "1"},
+                                                   {&R::dayOfWeekMask, "2"}})
+        nth.set(m, v);
     EXPECT_TRUE(nth.build().empty());
-    nth.set(&R::dayOfWeekMask, "0").set(&R::dayOfMonthMask, "3");  // two days of the month
+    nth.set(&R::dayOfWeekMask, "0").set(&R::dayOfMonthMask, "3");
     EXPECT_TRUE(nth.build().empty());
     nth.set(&R::dayOfMonthMask, "1");
     EXPECT_FALSE(nth.build().empty());
-    EXPECT_EQ(mapi_PropFromWmRecurrenceProps(&nth.p, nullptr), nullptr) << "no zone";
-    mdc_free(nth.p.endRecurDate);
-    nth.p.endRecurDate = nullptr;
-    EXPECT_TRUE(nth.build().empty()) << "a missing end date is not taken for no end";
 }
 
 TEST(MapiRecurrence, RecurrenceBaseIsTheOriginalStartOnTheIdentifiersUtcDate) {

@@ -5,9 +5,12 @@
 #include <cstring>
 #include <string>
 
+#include "support/blob_text.h"
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/mapi_props.h"
 #include "tnef/platform/os_file.h"
+
+using namespace blobtext;
 
 namespace {
 
@@ -18,28 +21,6 @@ constexpr Guid kMeeting = {0x90, 0xDA, 0xD8, 0x6E, 0x0B, 0x45, 0x1B, 0x10,
                            0x98, 0xDA, 0x00, 0xAA, 0x00, 0x3F, 0x13, 0x05};
 constexpr Guid kCommon = {0x08, 0x20, 0x06, 0x00, 0x00, 0x00, 0x00, 0x00,
                           0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46};
-
-// Escapes bytes as the property text does, written here apart from the platform's encoder.
-std::string esc(const std::string& bytes) {
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x20) {
-            out.push_back('\x1b');
-            out.push_back(static_cast<char>(c + 0x40));
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out;
-}
-
-std::string setEntry(const Guid& g) {
-    return "GUID\x1d" + esc(std::string(reinterpret_cast<const char*>(g.data()), g.size())) + "\x1e";
-}
-
-std::string entry(const std::string& key, const std::string& value) {
-    return key + "\x1d" + value + "\x1e";
-}
 
 // Takes a value text from the platform and frees it.
 std::string take(char* value) {

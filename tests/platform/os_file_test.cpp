@@ -114,6 +114,7 @@ TEST(NumberTexts, ParsingStopsAtTheFirstNonDigitAndSaturates) {
     EXPECT_EQ(os_str2ul("3704001e\x1dvalue", 16), 0x3704001Eu);
     EXPECT_EQ(os_str2ul("ffffffffff", 16), 0xFFFFFFFFu);
     EXPECT_EQ(os_str2ul("0x1F", 16), 0x1Fu);
+    EXPECT_EQ(os_str2ul("aAzZ", 36), ((10u * 36 + 10) * 36 + 35) * 36 + 35) << "both ends of both letter ranges";
     EXPECT_EQ(os_str2ul("GUID", 16), 0u);
     char* end = nullptr;
     const char* text = "8001/Keywords";

@@ -47,3 +47,16 @@ std::string corpusDir() {
     std::error_code ec;
     return fs::is_directory(dir / "files", ec) ? fs::canonical(dir).string() : std::string();
 }
+
+std::vector<std::vector<std::string>> tsvRows(const std::string& path) {
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::vector<std::string> cells;
+        std::istringstream fields(line);
+        for (std::string cell; std::getline(fields, cell, '\t');) cells.push_back(cell);
+        rows.push_back(cells);
+    }
+    return rows;
+}

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 class TestHome {
 public:
@@ -24,3 +25,5 @@ private:
 // The shared corpus folder, or an empty text when this checkout has none beside it.
 std::string corpusDir();
 std::string readFileBytes(const std::string& path);
+// Rows of a tab-separated file, without comment lines ('#') and empty lines.
+std::vector<std::vector<std::string>> tsvRows(const std::string& path);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/blob_text.h"
 #include "support/test_home.h"
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/mapi_calendar.h"
@@ -14,52 +15,9 @@
 #include "tnef_decode/tnef_augment.h"
 #include "tnef_defs.h"
 
+using namespace blobtext;
+
 namespace {
-
-// ---- Property texts laid out here, apart from the writers under test ---------------------------
-
-std::string esc(const std::string& bytes) {
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x20) out += {'\x1b', static_cast<char>(c + 0x40)};
-        else out.push_back(static_cast<char>(c));
-    }
-    return out;
-}
-
-std::string unesc(const std::string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\x1b' && i + 1 < text.size()) out.push_back(static_cast<char>(text[++i] - 0x40));
-        else out.push_back(text[i]);
-    }
-    return out;
-}
-
-std::string setEntry(const TnefGuid& g) {
-    return "GUID\x1d" + esc(std::string(reinterpret_cast<const char*>(g.data()), g.size())) + "\x1e";
-}
-
-std::string entry(const std::string& key, const std::string& value) {
-    return key + "\x1d" + value + "\x1e";
-}
-
-int64_t minutes(int y, unsigned mo, unsigned d, int h = 0, int mi = 0) {
-    return (mapi_DaysFromCivil(y, mo, d) + 134774) * 1440 + h * 60 + mi;
-}
-
-std::string systime(int64_t mins) {
-    const uint64_t ticks = static_cast<uint64_t>(mins) * 600000000ULL;
-    std::string b;
-    for (int i = 0; i < 8; ++i) b.push_back(static_cast<char>(ticks >> (8 * i)));
-    return esc(b);
-}
-
-std::string hex(uint32_t v) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%x", v);
-    return buf;
-}
 
 // A global object identifier with the given instance date and 4 bytes of data.
 std::string goidBytes(uint16_t year, uint8_t month, uint8_t day) {
@@ -75,7 +33,7 @@ std::string goidBytes(uint16_t year, uint8_t month, uint8_t day) {
 // A weekly meeting on Mondays, 10:00 to 11:00 Eastern, 1 January to 31 March 2024, in the
 // legacy values, with its time zone number and first instance.
 std::string weeklyMeeting(const std::string& goid) {
-    return setEntry(PSETID_Meeting) + entry("#102/3", esc(goid)) + entry("#3/c", "a") +
+    return setEntry(PSETID_Meeting) + entry("#102/3", escape(goid)) + entry("#3/c", "a") +
            entry("#3/d", hex(2024 * 512 + 1 * 32 + 1)) + entry("#3/e", hex(10 * 4096)) +
            entry("#3/f", hex(2024 * 512 + 3 * 32 + 31)) + entry("#2/12", "1") +
            entry("#3/15", "2") + entry("600040", systime(minutes(2024, 1, 1, 15))) +
@@ -103,7 +61,7 @@ uint32_t augment(dstring& text, Slot& slot) {
 }
 
 int32_t zoneBias(const std::string& valueText) {
-    const std::string b = unesc(valueText);
+    const std::string b = unescape(valueText);
     EXPECT_EQ(b.size(), MAPI_TIMEZONE_DATA_SIZE);
     if (b.size() < 4) return 0;
     return static_cast<int32_t>(static_cast<uint8_t>(b[0]) | static_cast<uint8_t>(b[1]) << 8 |
@@ -159,7 +117,7 @@ TEST(CalendarAugment, SeriesIdentifierBuildsPatternAndExceptionGetsRecurrenceBas
         EXPECT_EQ(zoneBias(valueOf(text, PSETID_Appointment, 0x8233)), 300);
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8234),
                   "(UTC-05:00) Eastern Time (US & Canada)");
-        const std::string pattern = unesc(valueOf(text, PSETID_Appointment, 0x8216));
+        const std::string pattern = unescape(valueOf(text, PSETID_Appointment, 0x8216));
         ASSERT_GE(pattern.size(), 26u);
         EXPECT_EQ(pattern.substr(4, 4), std::string("\x0b\x20\x01\x00", 4)) << "weekly, by week";
         EXPECT_EQ(pattern.substr(22, 4), std::string("\x02\0\0\0", 4)) << "Mondays";
@@ -168,7 +126,7 @@ TEST(CalendarAugment, SeriesIdentifierBuildsPatternAndExceptionGetsRecurrenceBas
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8236), systime(minutes(2024, 3, 25, 4)));
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x820D), systime(minutes(2024, 1, 1, 15)));
         EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0029), "<none>");
-        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), esc(goidBytes(0, 0, 0)));
+        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), escape(goidBytes(0, 0, 0)));
         EXPECT_EQ(valueOf(text, PSETID_Common, 0x8516), systime(minutes(2024, 1, 1, 15)));
     }
     {  // Month 1: an exception. No pattern; the replaced instance's start becomes 0x0029 and
@@ -180,7 +138,7 @@ TEST(CalendarAugment, SeriesIdentifierBuildsPatternAndExceptionGetsRecurrenceBas
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8216), "<none>");
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8231), "<none>");
         EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0029), systime(minutes(2024, 1, 15, 15)));
-        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), esc(goidBytes(0, 0, 0)));
+        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), escape(goidBytes(0, 0, 0)));
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8235), systime(minutes(2024, 1, 1, 15)))
             << "no pattern: the clip start is the start";
         EXPECT_EQ(zoneBias(valueOf(text, PSETID_Appointment, 0x8233)), 300);
@@ -194,7 +152,7 @@ TEST(CalendarAugment, SeriesIdentifierBuildsPatternAndExceptionGetsRecurrenceBas
         EXPECT_EQ(augment(text, slot), 0u);
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8216), "<none>");
         EXPECT_EQ(valueOf(text, PSETID_Appointment, 0x8233), "<none>");
-        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), esc(goidBytes(0, 0, 0)));
+        EXPECT_EQ(valueOf(text, PSETID_Meeting, 0x0023), escape(goidBytes(0, 0, 0)));
     }
 }
 
@@ -214,7 +172,7 @@ TEST(CalendarAugment, PatternOrZoneAlreadyInTheTextIsKept) {
         uint8_t pacific[MAPI_TIMEZONE_DATA_SIZE];
         ASSERT_TRUE(mapi_raw_timezone_data_from_tzNum(13, pacific));
         const std::string zone =
-            esc(std::string(reinterpret_cast<const char*>(pacific), sizeof pacific));
+            escape(std::string(reinterpret_cast<const char*>(pacific), sizeof pacific));
         dstring text;
         text.text = setEntry(PSETID_Appointment) + entry("#102/8233", zone) +
                     weeklyMeeting(goidBytes(0, 0, 0));
@@ -228,7 +186,7 @@ TEST(CalendarAugment, PatternOrZoneAlreadyInTheTextIsKept) {
 
 TEST(CalendarAugment, LocationIsCopiedWithTheTypeItWasFoundWith) {
     TestHome home;
-    const std::string wide = esc(std::string("R\0m\0 \0" "4\0", 8));
+    const std::string wide = escape(std::string("R\0m\0 \0" "4\0", 8));
     dstring text;
     text.text = setEntry(PSETID_Meeting) + entry("#1f/2", wide);
     Slot slot(PSETID_Meeting);

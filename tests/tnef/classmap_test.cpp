@@ -33,122 +33,67 @@ std::string mapOut(const std::string& messageClass) {
 
 }  // namespace
 
-TEST(ClassMap, TheFirstEntryWinsInEachDirection) {
-    TestHome home;
-    home.write(kMapFile, pair("IPM.Note", "NOTE.FIRST") + pair("IPM.Note", "NOTE.SECOND") +
-                             pair("IPM.Schedule", "NOTE.FIRST"));
-    EXPECT_EQ(mapIn("IPM.Note"), "NOTE.FIRST");
-    EXPECT_EQ(mapIn("IPM.Schedule"), "NOTE.FIRST");
-    EXPECT_EQ(mapOut("NOTE.FIRST"), "IPM.Note");
-    // The shadowed entry is still loaded and answers for its own server class.
-    EXPECT_EQ(mapOut("NOTE.SECOND"), "IPM.Note");
-    EXPECT_EQ(tnefClassMap.count, 3u);
-}
-
-TEST(ClassMap, OnlyExactBytesMatchAndEachDirectionUsesItsOwnColumn) {
-    TestHome home;
-    home.write(kMapFile, pair("IPM.Note", "MEMO"));
-    EXPECT_EQ(mapIn("ipm.note"), "ipm.note") << "letter case";
-    EXPECT_EQ(mapIn("IPM.NOTE"), "IPM.NOTE") << "letter case";
-    EXPECT_EQ(mapIn("IPM.Note.Custom"), "IPM.Note.Custom") << "further suffix";
-    EXPECT_EQ(mapIn("IPM.Not"), "IPM.Not") << "prefix";
-    EXPECT_EQ(mapIn("IPM.Note "), "IPM.Note ") << "trailing blank";
-    EXPECT_EQ(mapIn(""), "");
-    EXPECT_EQ(mapIn("MEMO"), "MEMO") << "a server class is not a MAPI class";
-    EXPECT_EQ(mapOut("IPM.Note"), "IPM.Note") << "a MAPI class is not a server class";
-    EXPECT_EQ(mapOut("memo"), "memo");
-    EXPECT_EQ(mapIn("IPM.Note"), "MEMO");
-}
-
-TEST(ClassMap, InThenOutGivesBackTheClassAcrossAGrowingTable) {
-    TestHome home;
-    std::string file = "# site classes\nTITLE = message classes\n";
-    for (int i = 0; i < 40; ++i)
-        file += pair("IPM.Class" + std::to_string(i), "SRV" + std::to_string(i)) + "OTHER = x\n";
-    home.write(kMapFile, file);
-    // The outward direction loads the map just as well.
-    EXPECT_EQ(mapOut("SRV39"), "IPM.Class39");
-    for (int i = 0; i < 40; ++i) {
-        const std::string start = "IPM.Class" + std::to_string(i);
-        const std::string inward = mapIn(start);
-        EXPECT_EQ(inward, "SRV" + std::to_string(i));
-        EXPECT_EQ(mapOut(inward), start);
-    }
-    EXPECT_EQ(tnefClassMap.count, 40u);
-    EXPECT_GE(tnefClassMap.capacity, tnefClassMap.count);
-}
-
-TEST(ClassMap, TagsOutsideAPairAndTagsInOtherCaseAreNotPairs) {
-    TestHome home;
-    home.write(kMapFile,
-               "ZR_MSG_CLASS = ORPHAN\n"           // no MAPI class before it
-               "exchange_msg_class = IPM.Lower\n"  // tags are exact too
-               "zr_msg_class = LOWER\n"
-               "EXCHANGE_MSG_CLASS = IPM.Note\n"
-               "COMMENT = between the two halves\n"
-               "ZR_MSG_CLASS = MEMO\n");
-    EXPECT_EQ(mapOut("ORPHAN"), "ORPHAN");
-    EXPECT_EQ(mapIn("IPM.Lower"), "IPM.Lower");
-    EXPECT_EQ(mapIn("IPM.Note"), "MEMO");
-    EXPECT_EQ(tnefClassMap.count, 1u);
-}
-
-TEST(ClassMap, AFileWithoutMapiClassesLoadsNothingAndIsNotReadAgain) {
-    TestHome home;
-    home.write(kMapFile, "ZR_MSG_CLASS = MEMO\nOTHER = IPM.Note\nZR_MSG_CLASS = FAX\n");
-    EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
-    EXPECT_EQ(mapOut("MEMO"), "MEMO");
-    EXPECT_TRUE(tnefClassMap.loaded);
-    EXPECT_EQ(tnefClassMap.count, 0u);
-
-    home.write(kMapFile, pair("IPM.Note", "MEMO"));
-    EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
-    EXPECT_EQ(mapOut("MEMO"), "MEMO");
-    EXPECT_EQ(tnefClassMap.count, 0u);
-}
-
-TEST(ClassMap, AMissingFileLeavesEveryClassAloneForTheLifeOfTheProcess) {
-    TestHome home;
-    EXPECT_EQ(mapOut("MEMO"), "MEMO");
-    EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
-    EXPECT_TRUE(tnefClassMap.loaded);
-    EXPECT_EQ(tnefClassMap.count, 0u);
-
-    home.write(kMapFile, pair("IPM.Note", "MEMO"));
-    EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
-}
-
-TEST(ClassMap, ATrailingMapiClassWithoutServerClassIsDropped) {
-    TestHome home;
-    home.write(kMapFile, pair("IPM.Note", "MEMO") + "EXCHANGE_MSG_CLASS = IPM.Trailing\n");
-    EXPECT_EQ(mapIn("IPM.Trailing"), "IPM.Trailing");
-    EXPECT_EQ(mapIn("IPM.Note"), "MEMO");
-    EXPECT_EQ(tnefClassMap.count, 1u);
-}
-
-TEST(ClassMap, PairsWithAnOverlongOrEmptyValueAreSkippedWhole) {
+// One map file holding every shape a site's file takes; each row maps one class one way.
+TEST(ClassMap, PairsMapExactBytesEachWayAndMalformedPairsAreSkippedWhole) {
     TestHome home;
     const std::string longest(255, 'L');  // fills the 256-byte entry half with its NUL
     const std::string tooLongMapi = std::string(255, 'M') + "X";
     const std::string tooLongServer = std::string(255, 'S') + "X";
-    home.write(kMapFile, pair(tooLongMapi, "SRV.A") +        // skipped: MAPI class too long
-                             pair("IPM.B", tooLongServer) +  // skipped: server class too long
-                             pair("IPM.C", "") +             // skipped: no server class
-                             "EXCHANGE_MSG_CLASS =\nZR_MSG_CLASS = SRV.D\n" +
-                             pair(longest, "SRV.E") + pair("IPM.F", longest));
+    std::string file = "# site classes\nZR_MSG_CLASS = ORPHAN\n"  // no MAPI class before it
+                       "exchange_msg_class = IPM.Lower\nzr_msg_class = LOWER\n"  // tags are exact
+                       "EXCHANGE_MSG_CLASS = IPM.Note\nCOMMENT = between\nZR_MSG_CLASS = MEMO\n";
+    file += pair("IPM.Note", "MEMO.SECOND") + pair("IPM.Schedule", "MEMO");
+    file += pair(tooLongMapi, "SRV.A") + pair("IPM.B", tooLongServer) + pair("IPM.C", "") +
+            "EXCHANGE_MSG_CLASS =\nZR_MSG_CLASS = SRV.D\n" + pair(longest, "SRV.E") +
+            pair("IPM.F", longest);
+    for (int i = 0; i < 40; ++i)  // a table that grows past any first allocation
+        file += pair("IPM.Class" + std::to_string(i), "SRV" + std::to_string(i));
+    home.write(kMapFile, file + "EXCHANGE_MSG_CLASS = IPM.Trailing\n");
 
-    // Neither the truncated class nor the one it would have been paired with maps.
-    EXPECT_EQ(mapIn(tooLongMapi.substr(0, 255)), tooLongMapi.substr(0, 255));
-    EXPECT_EQ(mapOut("SRV.A"), "SRV.A");
-    EXPECT_EQ(mapIn("IPM.B"), "IPM.B");
-    EXPECT_EQ(mapOut(tooLongServer.substr(0, 255)), tooLongServer.substr(0, 255));
-    EXPECT_EQ(mapIn("IPM.C"), "IPM.C");
-    EXPECT_EQ(mapIn(""), "");
-    EXPECT_EQ(mapOut("SRV.D"), "SRV.D");
+    const struct {
+        bool in;
+        std::string from, to;
+    } rows[] = {
+        {true, "IPM.Note", "MEMO"},           // the first entry wins in each direction
+        {true, "IPM.Schedule", "MEMO"},
+        {false, "MEMO", "IPM.Note"},
+        {false, "MEMO.SECOND", "IPM.Note"},   // a shadowed entry still answers for its own
+        {true, "ipm.note", "ipm.note"},       // letter case, suffix, prefix, blank: no match
+        {true, "IPM.Note.Custom", "IPM.Note.Custom"},
+        {true, "IPM.Not", "IPM.Not"},
+        {true, "IPM.Note ", "IPM.Note "},
+        {true, "", ""},
+        {true, "MEMO", "MEMO"},               // each direction reads its own column
+        {false, "IPM.Note", "IPM.Note"},
+        {false, "ORPHAN", "ORPHAN"},
+        {true, "IPM.Lower", "IPM.Lower"},
+        {true, tooLongMapi.substr(0, 255), tooLongMapi.substr(0, 255)},
+        {false, "SRV.A", "SRV.A"},
+        {true, "IPM.B", "IPM.B"},
+        {false, tooLongServer.substr(0, 255), tooLongServer.substr(0, 255)},
+        {true, "IPM.C", "IPM.C"},
+        {false, "SRV.D", "SRV.D"},
+        {true, longest, "SRV.E"},             // skipped pairs take both halves with them
+        {false, "SRV.E", longest},
+        {true, "IPM.F", longest},
+        {true, "IPM.Class0", "SRV0"},
+        {false, "SRV39", "IPM.Class39"},
+        {true, "IPM.Class39", "SRV39"},
+        {true, "IPM.Trailing", "IPM.Trailing"},  // no server class after it
+    };
+    for (const auto& r : rows)
+        EXPECT_EQ(r.in ? mapIn(r.from) : mapOut(r.from), r.to) << (r.in ? "in: " : "out: ") << r.from;
+}
 
-    // The skipped pairs take their own halves with them: later pairs stay aligned.
-    EXPECT_EQ(mapIn(longest), "SRV.E");
-    EXPECT_EQ(mapOut("SRV.E"), longest);
-    EXPECT_EQ(mapIn("IPM.F"), longest);
-    EXPECT_EQ(tnefClassMap.count, 2u);
+// The file is read once per process: missing, or holding no pair, it maps nothing even
+// after it appears.
+TEST(ClassMap, AMissingOrEmptyFileLeavesEveryClassAloneForTheLifeOfTheProcess) {
+    for (const char* first : {"", "ZR_MSG_CLASS = MEMO\nOTHER = IPM.Note\n"}) {
+        TestHome home;
+        if (*first != '\0') home.write(kMapFile, first);
+        EXPECT_EQ(mapOut("MEMO"), "MEMO");
+        home.write(kMapFile, pair("IPM.Note", "MEMO"));
+        EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
+        tnefClassMap = {};
+    }
 }

@@ -224,28 +224,3 @@ TEST(Decode, SuppressedMapiDataStoresNoObjectOrTexts) {
     EXPECT_EQ(countFiles(home.file("tmp/items")), 0u);
 }
 
-TEST(Decode, EveryCorpusFileDecodesOrEscapesCleanly) {
-    const std::string corpus = corpusDir();
-    if (corpus.empty()) GTEST_SKIP() << "no ../shared/corpus beside this checkout";
-    TestHome home;
-    for (const auto& entry : fs::directory_iterator(corpus + "/files")) {
-        ReceivedMessage received;
-        int16_t tf = 0;
-        const int16_t msg = Msg_BuildReceived(received, &tf);
-        uint16_t receipt = 0;
-        uint32_t reply = 0;
-        const int16_t receivedFile = tf;
-        try {
-            tnef_Decode(msg, &tf, entry.path().c_str(), &receipt, &reply, 0, 0);
-        } catch (const Escape& e) {
-            // Only the codec's own escapes for bad input are expected.
-            EXPECT_EQ(e.group, 102) << entry.path().filename() << ": " << e.what();
-        }
-        if (tf != receivedFile) tf_CloseFile(receivedFile);
-        tf_CloseFile(tf);
-        Msg_Close(msg);
-        EXPECT_EQ(countFiles(home.file("tmp/items")), 0u) << entry.path().filename();
-    }
-    EXPECT_EQ(tf_OpenHandleCount(), 0);
-    EXPECT_EQ(Msg_OpenHandleCount(), 0);
-}

@@ -130,29 +130,6 @@ TEST(GetPastRendData, FirstCallDropsOnlyTheHeadAndStopsAtCutRecords) {
     }
 }
 
-TEST(GetPastRendData, TracesTheWalkAndTheRewrittenList) {
-    const auto list = attachList(true).bytes();
-    const auto kept = attachList(false).bytes();
-    Streams s(Stream().header().record(2, attAttachment, list).checksum(258).bytes());
-    TraceF = std::tmpfile();
-    EXPECT_EQ(tnef_getPastRendData(s.out.get(), s.in.get(), 1), 0);
-    std::rewind(TraceF);
-    std::string text(4096, '\0');
-    text.resize(std::fread(text.data(), 1, text.size(), TraceF));
-    std::fclose(TraceF);
-    TraceF = nullptr;
-    EXPECT_EQ(text, "tnef_encode: tnef_getPastRendData...\n"
-                    "  No. Props  -- 3\n"
-                    "    Property: 0x3001001e  Size = 6\n"
-                    "    Property: 0x0ff90102  Size = 20  *** this prop skipped\n"
-                    "    Property: 0x0e200003  Size = 4\n"
-                    "tnef_encode: attAttachment Props Old Len/Checksum: " +
-                        std::to_string(list.size()) + "/258\n" +
-                        "tnef_encode: attAttachment Props New Len/Checksum: " +
-                        std::to_string(kept.size()) + "/" +
-                        std::to_string(tnefbuild::byteSum16(kept)) + "\n");
-}
-
 TEST(StripProps, RemovesTheRecordKeyFromEveryKnownLayout) {
     TestHome home;
     const Stripped r = strip(attachList(true).bytes());
@@ -284,6 +261,5 @@ TEST(AddAttachment, TextPartsGetCrBeforeBareLineFeedsOthersPassUnchanged) {
         tnef_AddAttachment(s.out.get(), item.get(), c.size, c.type);
         EXPECT_TRUE(sameBytes(s.added(), Stream().record(2, attAttachData, c.written).bytes()))
             << c.type << " " << c.size;
-        EXPECT_EQ(tnefWriterState.checksum, tnefbuild::byteSum16(c.written));
     }
 }

@@ -20,6 +20,7 @@
 #include "tnef/platform/tf_msgfile.h"
 #include "tnef/tnef.h"
 #include "tnef_defs.h"
+#include "tnef_encode/tnef_encode.h"
 
 using namespace tnefbuild;
 using namespace std::string_literals;
@@ -299,6 +300,18 @@ TEST(Encode, AttachmentDataComesFromTheBodyPartOfTheSameName) {
     for (const Rec& r : recs) {
         if (r.id != attAttachment) continue;
         EXPECT_EQ(r.data.find("recordkey"), std::string::npos);
+    }
+}
+
+// The second part is the TNEF file, no candidate, when its type says it can be.
+TEST(Encode, SecondPartCarriesDataOnlyWhenItIsNoTnefFile) {
+    for (const uint16_t secondType : {TNEF_PART_TYPE_OTHER, uint16_t{1}}) {
+        TestHome home;
+        Message m;
+        m.part(TNEF_PART_TYPE_TEXT, "BDY.TXT", "body\n").part(secondType, "winmail.dat", "tnef");
+        m.object(objectWith({{"winmail.dat", ""}}));
+        EXPECT_EQ(dataAfterRenddata(records(m.encode(home).second)),
+                  std::vector<std::string>{secondType == 1 ? "tnef" : ""}) << secondType;
     }
 }
 

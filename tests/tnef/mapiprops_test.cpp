@@ -202,24 +202,6 @@ TEST(MapiProps, OversizedNamesAndAddressesEscapeBeforeReading) {
     EXPECT_EQ(std::string(decode(home, fits).sender).size(), 4079u);
 }
 
-TEST(MapiProps, LyingCountsAndLengthsStayInsideTheAttribute) {
-    TestHome home;
-    cust_Set("TNEF_AUGMENT_PROPS", "off");
-    // A value count far beyond the attribute is read as one value filling the attribute.
-    PropList hugeCount;
-    hugeCount.binary(0x10000102, "abcd").valueCount(0xFFFFFFFF);
-    const Decoded a = decode(home, hugeCount);
-    EXPECT_EQ(a.main.substr(0, 9), "10000102\x1d");
-    // A multi-valued count beyond the attribute ends with the attribute.
-    PropList hugeMv;
-    hugeMv.mvLong(0x00051003, {1, 2}).valueCount(0x40000000);
-    EXPECT_EQ(decode(home, hugeMv).main.substr(0, 10), "51003\x1d" "1\x1d" "2\x1d");
-    // A property count beyond the list stops at the attribute's end.
-    PropList hugeProps;
-    hugeProps.long32(0x00040003, 1).count(1000000);
-    EXPECT_EQ(decode(home, hugeProps).main, "40003\x1d" "1\x1e");
-}
-
 TEST(MapiProps, CalendarPropertiesAreAugmentedUnlessTurnedOff) {
     TestHome home;
     PropList list;

@@ -35,65 +35,37 @@ CopyResult copyHeader(const TestHome& home, const std::string& stream) {
 
 }  // namespace
 
-TEST(OemCodePage, VersionThenCodepageIsCopiedAndNamesTheCodePage) {
-    TestHome home;
-    CopyResult r = copyHeader(home, kHeader + kVersion + kCodepage + kSubject);
-    EXPECT_EQ(r.codepage, 1252u);
-    EXPECT_EQ(r.copied, kHeader + kVersion + kCodepage);
-    EXPECT_EQ(r.inputPos, static_cast<int64_t>(r.copied.size()));
-}
-
-TEST(OemCodePage, VersionWithoutCodepageKeepsTheNextRecordUnread) {
-    TestHome home;
-    CopyResult r = copyHeader(home, kHeader + kVersion + kSubject);
-    EXPECT_EQ(r.codepage, 437u);
-    EXPECT_EQ(r.copied, kHeader + kVersion);
-    EXPECT_EQ(r.inputPos, 21);
-}
-
-TEST(OemCodePage, LeadingCodepageAloneIsCopied) {
-    TestHome home;
-    CopyResult r = copyHeader(home, kHeader + kCodepage + kSubject);
-    EXPECT_EQ(r.codepage, 1252u);
-    EXPECT_EQ(r.copied, kHeader + kCodepage);
-}
-
-TEST(OemCodePage, OtherFirstRecordsAreLeftForTheRecordLoop) {
-    TestHome home;
-    // Attachment level first: only the header is copied.
-    std::string attachLevel = kSubject;
+// The head copy takes the signature, then a version record of length 4 and a code page
+// record, in that order and each only when whole; the input stops at the first record left
+// for the record loop. Without a code page record the code page is 437.
+TEST(OemCodePage, TheHeadRecordsAreCopiedWholeAndTheRestLeftUnread) {
+    std::string attachLevel = kSubject, oddVersion = kVersion;
     attachLevel[0] = '\x02';
-    CopyResult r = copyHeader(home, kHeader + attachLevel);
-    EXPECT_EQ(r.codepage, 437u);
-    EXPECT_EQ(r.copied, kHeader);
-    EXPECT_EQ(r.inputPos, 6);
-    // Another message attribute first.
-    r = copyHeader(home, kHeader + kSubject);
-    EXPECT_EQ(r.copied, kHeader);
-    EXPECT_EQ(r.inputPos, 6);
-    // A version record with a length other than 4 is not understood here.
-    std::string oddVersion = kVersion;
-    oddVersion[5] = '\x02';
-    r = copyHeader(home, kHeader + oddVersion);
-    EXPECT_EQ(r.copied, kHeader);
-    EXPECT_EQ(r.inputPos, 6);
-}
-
-TEST(OemCodePage, StreamsEndingEarlyCopyWhatTheyHold) {
+    oddVersion[5] = '\x02';  // a version of length 2 is not understood here
+    const struct {
+        const char* what;
+        std::string stream;
+        uint32_t codepage;
+        std::string copied;
+    } cases[] = {
+        {"version then code page", kHeader + kVersion + kCodepage + kSubject, 1252, kHeader + kVersion + kCodepage},
+        {"version alone", kHeader + kVersion + kSubject, 437, kHeader + kVersion},
+        {"code page alone", kHeader + kCodepage + kSubject, 1252, kHeader + kCodepage},
+        {"attachment level first", kHeader + attachLevel, 437, kHeader},
+        {"another message attribute first", kHeader + kSubject, 437, kHeader},
+        {"odd version", kHeader + oddVersion, 437, kHeader},
+        {"header only", kHeader, 437, kHeader},
+        {"version, nothing after", kHeader + kVersion, 437, kHeader + kVersion},
+        {"code page cut short", kHeader + kVersion + kCodepage.substr(0, 12), 437, kHeader + kVersion},
+        {"header cut short", kHeader.substr(0, 5), 437, kHeader.substr(0, 5)},
+    };
     TestHome home;
-    CopyResult r = copyHeader(home, kHeader);
-    EXPECT_EQ(r.codepage, 437u);
-    EXPECT_EQ(r.copied, kHeader);
-    r = copyHeader(home, kHeader + kVersion);
-    EXPECT_EQ(r.copied, kHeader + kVersion);
-    EXPECT_EQ(r.inputPos, 21);
-    // A codepage record cut short is not copied and the input returns to its level byte.
-    r = copyHeader(home, kHeader + kVersion + kCodepage.substr(0, 12));
-    EXPECT_EQ(r.codepage, 437u);
-    EXPECT_EQ(r.copied, kHeader + kVersion);
-    EXPECT_EQ(r.inputPos, 21);
-    r = copyHeader(home, kHeader.substr(0, 5));
-    EXPECT_EQ(r.copied, kHeader.substr(0, 5));
+    for (const auto& c : cases) {
+        const CopyResult r = copyHeader(home, c.stream);
+        EXPECT_EQ(r.codepage, c.codepage) << c.what;
+        EXPECT_EQ(r.copied, c.copied) << c.what;
+        EXPECT_EQ(r.inputPos, static_cast<int64_t>(c.copied.size())) << c.what;
+    }
 }
 
 TEST(OemCodePage, MissingSignatureEscapesBeforeWritingAnything) {

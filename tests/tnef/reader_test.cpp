@@ -60,6 +60,17 @@ void everyEntry(const TestHome& home, const std::string& tnef) {
     };
     OsFd in(os_open(path.c_str(), O_RDONLY, 0));
     entry("view", [&] { TnefMessageView v; tnef_ReadMessage(in.get(), &v); });
+    // Every attachment listed lies inside the file, and copying it gives all its bytes.
+    entry("list", [&] {
+        TnefAttachList list;
+        tnef_ListAttachments(in.get(), &list);
+        OsFd out(os_open(home.file("copy").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600));
+        for (const TnefAttachInfo& a : list.attachments) {
+            EXPECT_LE(a.dataOffset + a.dataLength, tnef.size());
+            const uint64_t copied = a.kind == TNEF_ATTACH_NONE ? a.dataLength : tnef_CopyAttachment(in.get(), &a, out.get());
+            EXPECT_EQ(copied, a.dataLength);
+        }
+    });
     entry("getprop", [&] {
         char *props = nullptr, *recips = nullptr, *attach = nullptr;
         tnef_GetProp(in.get(), "GET-ALL", &props, &recips, &attach, "in.tnef");
@@ -74,6 +85,7 @@ void everyEntry(const TestHome& home, const std::string& tnef) {
             throw;
         }
         tnef_FreeScanList(&list);
+        EXPECT_EQ(os_lseek64(in.get(), 0, 1), 0) << "scan: the file is rewound";
     });
     in.close();
     entry("decode", [&] {
@@ -206,6 +218,21 @@ TEST(Reader, HostileStreamsEndInFlagsNotFaults) {
         {"zero-length and unterminated strings",
          PropList().lengthPrefixed(PR_SUBJECT, {""}).lengthPrefixed(0x0E1D001F, {"a\0b"s}).bytes(), 0, 2},
         {"list without its count", "\x01\x00"s, TNEF_READ_BAD_PROPS, 0},
+        {"property count near 2^32 before a name", PropList().string8(PR_ATTACH_FILENAME, "x").count(0xFFFFFFFF).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 1},
+        {"binary value count near 2^32", PropList().binary(PR_ATTACH_DATA_BIN, "data").valueCount(0xFFFFFFFF).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 1},
+        {"unknown type with a counted value", PropList().lengthPrefixed(0x00010099, {"unknown"}).bytes(), TNEF_READ_BAD_PROPS, 0},
+        {"CLSID values 16 x 2^28", PropList().mvClsid(0x66001048, {PSETID_Common, PSETID_Common}).valueCount(0x10000000).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 0},
+        {"8-byte values 8 x 2^29", PropList().mvI8(0x66001014, {1, 2}).valueCount(0x20000000).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 0},
+        {"binary values beyond the data", PropList().mvBinary(0x00011102, {"x"}).valueCount(0xFFFFFFFF).bytes(),
+         TNEF_READ_COUNT_BEYOND | TNEF_READ_BAD_PROPS, 1},
+        {"binary length 2^32 - 3", PropList().count(1).u32(0x00010102).u32(1).u32(0xFFFFFFFD).bytes(), TNEF_READ_BAD_PROPS, 1},
+        {"string name length 2^32 - 1",
+         PropList().count(1).u32(0x8000001E).raw(PSETID_Common).u32(1).u32(0xFFFFFFFF).zeros(12).bytes(),
+         TNEF_READ_BAD_PROPS, 0},
     };
     TestHome home;
     for (const Case& c : cases) {
@@ -256,12 +283,16 @@ TEST(Reader, DamagedFilesAreFlagsAndCutsAtEveryOffsetStayInBounds) {
 }
 
 TEST(Reader, PublishedNamesAreFoundBothWays) {
+    // Both tables are strictly sorted (one name per tag or set and number), and name a text
+    // property by its 8-bit form, which the lookup finds for the Unicode form too.
     const auto props = tnef_PropNameTable();
-    EXPECT_TRUE(std::is_sorted(props.begin(), props.end(), [](auto& a, auto& b) { return a.tag < b.tag; }));
+    EXPECT_TRUE(std::adjacent_find(props.begin(), props.end(), [](auto& a, auto& b) { return a.tag >= b.tag; }) ==
+                props.end());
+    for (const auto& p : props) EXPECT_NE(p.tag & 0xEFFF, PT_UNICODE) << p.name;
     const auto named = tnef_NamedPropNameTable();
-    EXPECT_TRUE(std::is_sorted(named.begin(), named.end(), [](auto& a, auto& b) {
-        return a.set != b.set ? a.set < b.set : a.lid < b.lid;
-    }));
+    EXPECT_TRUE(std::adjacent_find(named.begin(), named.end(), [](auto& a, auto& b) {
+                    return a.set != b.set ? a.set > b.set : a.lid >= b.lid;
+                }) == named.end());
     EXPECT_STREQ(tnef_PropName(0x0037001F), "PR_SUBJECT");  // the Unicode form of an 8-bit name
     EXPECT_STREQ(tnef_PropName(0x3A56101F), "PR_CONTACT_EMAIL_ADDRESSES");
     EXPECT_STREQ(tnef_PropName(PR_ATTACH_DATA_BIN), "PR_ATTACH_DATA_BIN");
