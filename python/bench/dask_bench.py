@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Times the Dask recipe against the tool on a generated archive (docs/performance.md).
 
-    dask_bench.py BUILD_DIR [N]      (BUILD_DIR: build/release; N: 20000 files)
+    dask_bench.py BUILD_DIR [N [flat|subfolders]]   (build/release; 20000 files; flat)
 
 In one run: the tool extracting every file in one process; extract_archive on a
 LocalCluster of 2 workers and of 1 worker; the same with a dask-scheduler and 2 dask-worker
@@ -10,6 +10,8 @@ attachments per file against `tnefx list` in one process.
 """
 
 import filecmp
+import hashlib
+import json
 import os
 import shutil
 import subprocess
@@ -22,6 +24,9 @@ from pathlib import Path
 def main():
     build = Path(sys.argv[1]).resolve()
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 20000
+    # "flat": every attachment in one folder, as the tool writes them; "subfolders": a
+    # folder per file, extract_archive's default.
+    subfolders = len(sys.argv) > 3 and sys.argv[3] == "subfolders"
     sys.path.insert(0, str(build / "python"))
     import tnef  # noqa: E402
     from tnef.dask import extract_archive  # noqa: E402
@@ -53,16 +58,27 @@ def main():
         return s, result
 
 
-    t_tool, _ = timed("tool extract, one process", lambda: subprocess.run(
-        [str(tool), "extract", *names, "-C", str(work / "tool")], cwd=archive,
-        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+    t_tool, run = timed("tool extract, one process", lambda: subprocess.run(
+        [str(tool), "--json", "extract", *names, "-C", str(work / "tool")], cwd=archive,
+        capture_output=True, text=True))
+
+    def digest(path):
+        return hashlib.sha256(Path(path).read_bytes()).hexdigest()
+
+    # What the tool wrote: (file, attachment number, name, SHA-256 of the bytes).
+    expected = {(f["file"], e["index"], e["name"], digest(work / "tool" / Path(e["path"]).name))
+                for f in json.loads(run.stdout)["files"] for e in f["extracted"]}
 
 
     def dask_run(label, client, out):
-        s, df = timed(label, lambda: extract_archive(files, work / out, client, subfolders=False,
+        s, df = timed(label, lambda: extract_archive(files, work / out, client, subfolders=subfolders,
                                                      progress=False).compute())
         failed = int(df.error.notnull().sum())
-        print(f"  rows {len(df)}, failures {failed}, identical to the tool: {same_tree(work / 'tool', work / out)}")
+        written = df[df.path.notnull()]
+        got = set(zip((os.path.basename(f) for f in written.file), written.attachment, written.name,
+                      written.sha256))
+        same = got == expected and (subfolders or same_tree(work / "tool", work / out))
+        print(f"  rows {len(df)}, failures {failed}, identical to the tool: {same}")
         shutil.rmtree(work / out)
         return s
 
