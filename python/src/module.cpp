@@ -332,59 +332,115 @@ std::string outputName(const TnefAttachInfo& a) {
     return name;
 }
 
+// One opened file: its attachment listing, read at open (all that listing attachments
+// needs), and the whole message view, read once, under the state's own mutex, when anything
+// else is asked for (subject, properties, recipients, bodies, embedded messages, warnings).
+struct State {
+    std::shared_ptr<Source> src;
+    TnefAttachList list;
+    std::mutex mutex;
+    std::unique_ptr<TnefMessageView> view;
+
+    // Called with the GIL held; releases it while the file is read.
+    const TnefMessageView& loaded() {
+        bool closed = false;
+        {
+            py::gil_scoped_release release;
+            std::lock_guard<std::mutex> lock(mutex);
+            if (!view && src->fd < 0) {
+                closed = true;
+            } else if (!view) {
+                auto v = std::make_unique<TnefMessageView>();
+                {
+                    std::lock_guard<std::mutex> codec(g_codec);
+                    tnef_ReadMessage(src->fd, v.get());
+                }
+                view = std::move(v);
+            }
+        }
+        if (closed) throw py::value_error("I/O on a closed tnef.Message");
+        return *view;
+    }
+};
+
+// The view (of the message or an embedded one) that holds attachment `index`, and where.
+bool findAttachment(const TnefMessageView& v, uint32_t index, const TnefMessageView** owner,
+                    size_t* at) {
+    for (size_t i = 0; i < v.attachments.size(); ++i)
+        if (v.attachments[i].index == index) {
+            *owner = &v;
+            *at = i;
+            return true;
+        }
+    for (const TnefMessageView& e : v.embedded)
+        if (findAttachment(e, index, owner, at)) return true;
+    return false;
+}
+
 class Message;
 
 class Attachment {
 public:
-    Attachment(std::shared_ptr<Source> src, std::shared_ptr<const TnefMessageView> view, size_t i)
-        : src_(std::move(src)), view_(std::move(view)), i_(i) {}
-    const TnefAttachInfo& info() const { return view_->attachments[i_]; }
-    const std::shared_ptr<Source>& source() const { return src_; }
+    Attachment(std::shared_ptr<State> st, const TnefAttachInfo* info) : st_(std::move(st)), info_(info) {}
+    const TnefAttachInfo& info() const { return *info_; }
+    const std::shared_ptr<Source>& source() const { return st_->src; }
 
-    py::bytes read() const {
-        const TnefAttachInfo& a = info();
-        return readBytes(src_->checked(), a.dataOffset, a.dataLength);
+    py::bytes read() const { return readBytes(st_->src->checked(), info_->dataOffset, info_->dataLength); }
+    py::list properties() const {
+        const TnefMessageView* owner = nullptr;
+        size_t at = 0;
+        if (!findAttachment(st_->loaded(), info_->index, &owner, &at)) return py::list();
+        return propertyList(st_->src->checked(), owner->attachmentProperties[at]);
     }
-    py::list properties() const { return propertyList(src_->checked(), view_->attachmentProperties[i_]); }
     py::object embedded() const;  // the Message it holds, when it is one
 
 private:
-    std::shared_ptr<Source> src_;
-    std::shared_ptr<const TnefMessageView> view_;
-    size_t i_;
+    std::shared_ptr<State> st_;
+    const TnefAttachInfo* info_;  // in the state's listing or view, alive as long as it
 };
 
 class Message {
 public:
-    Message(std::shared_ptr<Source> src, std::shared_ptr<const TnefMessageView> view)
-        : src_(std::move(src)), view_(std::move(view)) {}
+    // The file's own message (view null: the state's, read on demand), or an embedded one.
+    Message(std::shared_ptr<State> st, const TnefMessageView* view) : st_(std::move(st)), view_(view) {}
 
     static Message open(std::shared_ptr<Source> src) {
-        auto view = std::make_shared<TnefMessageView>();
-        const int fd = src->fd;
-        withCodec([&] { tnef_ReadMessage(fd, view.get()); });
-        return Message(std::move(src), std::move(view));
+        auto st = std::make_shared<State>();
+        st->src = std::move(src);
+        const int fd = st->src->fd;
+        withCodec([&] { tnef_ListAttachments(fd, &st->list); });
+        return Message(std::move(st), nullptr);
     }
 
-    const TnefMessageView& view() const { return *view_; }
-    const std::shared_ptr<Source>& source() const { return src_; }
+    const TnefMessageView& view() const { return view_ != nullptr ? *view_ : st_->loaded(); }
+    const std::shared_ptr<Source>& source() const { return st_->src; }
+    // From the view: the listing's subject and class follow slightly different fallbacks.
+    std::string subject() const { return view().subject; }
+    std::string messageClass() const { return view().messageClass; }
+    uint32_t codePage() const { return view().codePage; }
+    uint32_t depth() const { return view_ != nullptr ? view_->depth : 0; }
 
     py::list attachments() const {
         py::list out;
-        for (size_t i = 0; i < view_->attachments.size(); ++i) out.append(Attachment(src_, view_, i));
+        if (view_ != nullptr) {
+            for (const TnefAttachInfo& a : view_->attachments) out.append(Attachment(st_, &a));
+        } else {
+            for (const TnefAttachInfo& a : st_->list.attachments)
+                if (a.parent == 0) out.append(Attachment(st_, &a));
+        }
         return out;
     }
     py::list embedded() const {
         py::list out;
-        for (const TnefMessageView& e : view_->embedded)
-            out.append(Message(src_, std::shared_ptr<const TnefMessageView>(view_, &e)));
+        for (const TnefMessageView& e : view().embedded) out.append(Message(st_, &e));
         return out;
     }
     py::list warnings() const {
+        const TnefMessageView& v = view();
         py::list out;
         for (const FlagText& f : kDamage)
-            if (view_->flags & f.flag) out.append(f.text);
-        for (const TnefAttachInfo& a : view_->attachments) {
+            if (v.flags & f.flag) out.append(f.text);
+        for (const TnefAttachInfo& a : v.attachments) {
             if (a.flags & TNEF_ATTACH_DATA_CUT)
                 out.append("attachment " + std::to_string(a.index) + " is cut short");
             if (a.flags & TNEF_ATTACH_NAME_CUT)
@@ -392,11 +448,12 @@ public:
         }
         return out;
     }
-    py::list properties() const { return propertyList(src_->checked(), view_->properties); }
+    py::list properties() const { return propertyList(st_->src->checked(), view().properties); }
     py::list recipients() const {
+        const TnefMessageView& v = view();
         py::list out;
-        const int fd = src_->checked();
-        for (const auto& row : view_->recipients) out.append(propertyList(fd, row));
+        const int fd = st_->src->checked();
+        for (const auto& row : v.recipients) out.append(propertyList(fd, row));
         return out;
     }
     py::object body(const std::string& format) const {
@@ -407,29 +464,33 @@ public:
                                      [&](const auto& k) { return format == k.name; });
         if (f == std::end(kFormats))
             throw py::value_error("body format must be best, html, text or rtf, not '" + format + "'");
-        const int fd = src_->checked();
-        const TnefBody b = withCodec([&] { return tnef_MessageBody(fd, *view_, f->kind); });
+        const TnefMessageView& v = view();
+        const int fd = st_->src->checked();
+        const TnefBody b = withCodec([&] { return tnef_MessageBody(fd, v, f->kind); });
         if (b.kind == TNEF_BODY_NONE) return py::none();
         if (b.kind == TNEF_BODY_RTF) return py::bytes(b.text);
         return utf8Text(b.text);
     }
     void close() {
-        if (src_->fd >= 0) ::close(src_->fd);
-        src_->fd = -1;
+        std::lock_guard<std::mutex> lock(st_->mutex);  // not while a view is being read
+        if (st_->src->fd >= 0) ::close(st_->src->fd);
+        st_->src->fd = -1;
     }
 
 private:
-    std::shared_ptr<Source> src_;
-    std::shared_ptr<const TnefMessageView> view_;
+    std::shared_ptr<State> st_;
+    const TnefMessageView* view_;
 };
 
 py::object Attachment::embedded() const {
-    const TnefAttachInfo& a = info();
-    if (a.kind != TNEF_ATTACH_MESSAGE) return py::none();
+    if (info_->kind != TNEF_ATTACH_MESSAGE) return py::none();
+    const TnefMessageView* owner = nullptr;
+    size_t at = 0;
+    if (!findAttachment(st_->loaded(), info_->index, &owner, &at)) return py::none();
     size_t k = 0;  // the view holds one embedded message per message attachment, in order
-    for (size_t j = 0; j < i_; ++j) k += view_->attachments[j].kind == TNEF_ATTACH_MESSAGE ? 1 : 0;
-    if (k >= view_->embedded.size()) return py::none();
-    return py::cast(Message(src_, std::shared_ptr<const TnefMessageView>(view_, &view_->embedded[k])));
+    for (size_t j = 0; j < at; ++j) k += owner->attachments[j].kind == TNEF_ATTACH_MESSAGE ? 1 : 0;
+    if (k >= owner->embedded.size()) return py::none();
+    return py::cast(Message(st_, &owner->embedded[k]));
 }
 
 // ---- Writing attachments into a folder -------------------------------------------------------
@@ -757,10 +818,10 @@ PYBIND11_MODULE(_tnef, m) {
         .def("_embedded", &Attachment::embedded);
 
     py::class_<Message>(m, "Message")
-        .def_property_readonly("subject", [](const Message& s) { return s.view().subject; })
-        .def_property_readonly("message_class", [](const Message& s) { return s.view().messageClass; })
-        .def_property_readonly("code_page", [](const Message& s) { return s.view().codePage; })
-        .def_property_readonly("depth", [](const Message& s) { return s.view().depth; })
+        .def_property_readonly("subject", &Message::subject)
+        .def_property_readonly("message_class", &Message::messageClass)
+        .def_property_readonly("code_page", &Message::codePage)
+        .def_property_readonly("depth", &Message::depth)
         .def_property_readonly("name", [](const Message& s) { return s.source()->name; })
         .def_property_readonly("closed", [](const Message& s) { return s.source()->fd < 0; })
         .def_property_readonly("warnings", &Message::warnings)
