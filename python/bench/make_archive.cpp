@@ -27,22 +27,29 @@ int main(int argc, char** argv) {
         Stream s;
         s.header().tnefVersion().oemCodepage(1252);
         s.record(1, 0x00018004, "Report " + std::to_string(n) + '\0');  // attSubject
-        s.record(1, 0x00069003, PropList()
-                                    .string8(0x0C1F001E, "sender" + std::to_string(n % 97) + "@example.com")
-                                    .long32(0x00170003, 1)
-                                    .string8(0x1000001E, "Body of message " + std::to_string(n) + "\r\n")
-                                    .bytes());
-        s.record(1, 0x00069004, RecipTable()
-                                    .row(PropList().string8(0x3001001E, "Someone").string8(
-                                        0x3003001E, "someone@example.com"))
-                                    .bytes());
+        s.record(1, 0x00069003,
+                 PropList()
+                     .string8(0x0C1F001E, "sender" + std::to_string(n % 97) + "@example.com")
+                     .long32(0x00170003, 1)
+                     .string8(0x1000001E, "Body of message " + std::to_string(n) + "\r\n")
+                     .bytes());
+        s.record(1, 0x00069004,
+                 RecipTable()
+                     .row(PropList()
+                              .string8(0x3001001E, "Someone")
+                              .string8(0x3003001E, "someone@example.com"))
+                     .bytes());
         const int attachments = 1 + static_cast<int>(n % 3);
         for (int a = 0; a < attachments; ++a) {
-            const std::string name = std::string(stem) + "-" + std::to_string(a + 1) + (a == 1 ? ".pdf" : ".txt");
+            const std::string name =
+                std::string(stem) + "-" + std::to_string(a + 1) + (a == 1 ? ".pdf" : ".txt");
             const size_t size = 1024 + static_cast<size_t>((n * 7919 + a * 104729) % (7 * 1024));
             std::string data(size, '\0');
-            for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>('a' + (i * 31 + n + a) % 26);
-            s.record(2, 0x00069002, rend).record(2, 0x00018010, name + '\0').record(2, 0x0006800F, data);
+            for (size_t i = 0; i < size; ++i)
+                data[i] = static_cast<char>('a' + (i * 31 + n + a) % 26);
+            s.record(2, 0x00069002, rend)
+                .record(2, 0x00018010, name + '\0')
+                .record(2, 0x0006800F, data);
             s.record(2, 0x00069005, PropList().string8(0x3707001E, name).bytes());
         }
         if (n % 50 == 49) s.cut(s.size() - 600);

@@ -21,8 +21,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -85,7 +85,8 @@ void translateEscape(const Escape& e) {
 }
 
 py::object utf8Text(const std::string& text) {
-    PyObject* s = PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace");
+    PyObject* s =
+        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace");
     if (s == nullptr) throw py::error_already_set();
     return py::reinterpret_steal<py::object>(s);
 }
@@ -140,7 +141,8 @@ std::shared_ptr<Source> sourceFromPath(const std::string& path) {
 std::shared_ptr<Source> sourceFromBuffer(const py::object& data, const std::string& name) {
     Py_buffer view;
     // Contiguous bytes only: a strided view raises BufferError here.
-    if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_C_CONTIGUOUS) != 0) throw py::error_already_set();
+    if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_C_CONTIGUOUS) != 0)
+        throw py::error_already_set();
     auto src = std::make_shared<Source>();
     src->name = name;
     {
@@ -243,24 +245,38 @@ py::bytes readBytes(int fd, uint64_t offset, uint64_t length) {
     return py::bytes(bytes);
 }
 
-bool isText(uint16_t type) { return type == 0x001E || type == 0x001F; }
-bool isBinary(uint16_t type) { return type == 0x0102 || type == 0x000D; }
+bool isText(uint16_t type) {
+    return type == 0x001E || type == 0x001F;
+}
+bool isBinary(uint16_t type) {
+    return type == 0x0102 || type == 0x000D;
+}
 
 py::object valueObject(int fd, const TnefPropEntry& e, size_t i) {
     const TnefValue& v = e.values[i];
     if (isText(v.type)) return utf8Text(e.texts[i]);
     if (isBinary(v.type)) return readBytes(fd, v.offset, v.length);
     switch (v.type) {
-        case 0x000B: return py::bool_(v.boolean);
-        case 0x0004: case 0x0005: case 0x0007: return py::float_(v.real);
-        case 0x0006: return py::float_(static_cast<double>(v.integer) / 10000.0);
-        case 0x0040: return timeObject(v.mapiTime);
-        case 0x0048: return guidObject(v.guid);
-        default: return py::int_(v.integer);
+        case 0x000B:
+            return py::bool_(v.boolean);
+        case 0x0004:
+        case 0x0005:
+        case 0x0007:
+            return py::float_(v.real);
+        case 0x0006:
+            return py::float_(static_cast<double>(v.integer) / 10000.0);
+        case 0x0040:
+            return timeObject(v.mapiTime);
+        case 0x0048:
+            return guidObject(v.guid);
+        default:
+            return py::int_(v.integer);
     }
 }
 
-py::object textOrNone(const char* text) { return text != nullptr ? py::object(py::str(text)) : py::object(py::none()); }
+py::object textOrNone(const char* text) {
+    return text != nullptr ? py::object(py::str(text)) : py::object(py::none());
+}
 
 // (tag, type, type_name, name, set, lid, string_name, value): tnef.Property's fields.
 py::tuple propertyTuple(int fd, const TnefPropEntry& e) {
@@ -275,11 +291,11 @@ py::tuple propertyTuple(int fd, const TnefPropEntry& e) {
     }
     const char* name = p.named ? (p.stringName ? nullptr : tnef_NamedPropName(p.set, p.lid))
                                : tnef_PropName(p.tag);
-    return py::make_tuple(p.tag, p.type, textOrNone(tnef_PropTypeName(p.type)), textOrNone(name),
-                          p.named ? guidObject(p.set) : py::object(py::none()),
-                          p.named && !p.stringName ? py::object(py::int_(p.lid)) : py::object(py::none()),
-                          p.named && p.stringName ? py::object(py::str(p.name)) : py::object(py::none()),
-                          value);
+    return py::make_tuple(
+        p.tag, p.type, textOrNone(tnef_PropTypeName(p.type)), textOrNone(name),
+        p.named ? guidObject(p.set) : py::object(py::none()),
+        p.named && !p.stringName ? py::object(py::int_(p.lid)) : py::object(py::none()),
+        p.named && p.stringName ? py::object(py::str(p.name)) : py::object(py::none()), value);
 }
 
 py::list propertyList(int fd, const std::vector<TnefPropEntry>& entries) {
@@ -308,15 +324,21 @@ constexpr FlagText kDamage[] = {
 
 const char* kindName(uint32_t kind) {
     switch (kind) {
-        case TNEF_ATTACH_FILE: return "file";
-        case TNEF_ATTACH_OLE: return "ole";
-        case TNEF_ATTACH_MESSAGE: return "message";
-        default: return "none";
+        case TNEF_ATTACH_FILE:
+            return "file";
+        case TNEF_ATTACH_OLE:
+            return "ole";
+        case TNEF_ATTACH_MESSAGE:
+            return "message";
+        default:
+            return "none";
     }
 }
 
 // The name and type the command-line tool gives an attachment.
-std::string defaultName(const TnefAttachInfo& a) { return "attachment-" + std::to_string(a.index) + ".dat"; }
+std::string defaultName(const TnefAttachInfo& a) {
+    return "attachment-" + std::to_string(a.index) + ".dat";
+}
 std::string nameOf(const TnefAttachInfo& a) {
     const std::string best = tnef_AttachBestName(a);
     return best.empty() ? defaultName(a) : best;
@@ -332,59 +354,119 @@ std::string outputName(const TnefAttachInfo& a) {
     return name;
 }
 
+// One opened file: its attachment listing, read at open (all that listing attachments
+// needs), and the whole message view, read once, under the state's own mutex, when anything
+// else is asked for (subject, properties, recipients, bodies, embedded messages, warnings).
+struct State {
+    std::shared_ptr<Source> src;
+    TnefAttachList list;
+    std::mutex mutex;
+    std::unique_ptr<TnefMessageView> view;
+
+    // Called with the GIL held; releases it while the file is read.
+    const TnefMessageView& loaded() {
+        bool closed = false;
+        {
+            py::gil_scoped_release release;
+            std::lock_guard<std::mutex> lock(mutex);
+            if (!view && src->fd < 0) {
+                closed = true;
+            } else if (!view) {
+                auto v = std::make_unique<TnefMessageView>();
+                {
+                    std::lock_guard<std::mutex> codec(g_codec);
+                    tnef_ReadMessage(src->fd, v.get());
+                }
+                view = std::move(v);
+            }
+        }
+        if (closed) throw py::value_error("I/O on a closed tnef.Message");
+        return *view;
+    }
+};
+
+// The view (of the message or an embedded one) that holds attachment `index`, and where.
+bool findAttachment(const TnefMessageView& v, uint32_t index, const TnefMessageView** owner,
+                    size_t* at) {
+    for (size_t i = 0; i < v.attachments.size(); ++i)
+        if (v.attachments[i].index == index) {
+            *owner = &v;
+            *at = i;
+            return true;
+        }
+    for (const TnefMessageView& e : v.embedded)
+        if (findAttachment(e, index, owner, at)) return true;
+    return false;
+}
+
 class Message;
 
 class Attachment {
-public:
-    Attachment(std::shared_ptr<Source> src, std::shared_ptr<const TnefMessageView> view, size_t i)
-        : src_(std::move(src)), view_(std::move(view)), i_(i) {}
-    const TnefAttachInfo& info() const { return view_->attachments[i_]; }
-    const std::shared_ptr<Source>& source() const { return src_; }
+  public:
+    Attachment(std::shared_ptr<State> st, const TnefAttachInfo* info)
+        : st_(std::move(st)), info_(info) {}
+    const TnefAttachInfo& info() const { return *info_; }
+    const std::shared_ptr<Source>& source() const { return st_->src; }
 
     py::bytes read() const {
-        const TnefAttachInfo& a = info();
-        return readBytes(src_->checked(), a.dataOffset, a.dataLength);
+        return readBytes(st_->src->checked(), info_->dataOffset, info_->dataLength);
     }
-    py::list properties() const { return propertyList(src_->checked(), view_->attachmentProperties[i_]); }
+    py::list properties() const {
+        const TnefMessageView* owner = nullptr;
+        size_t at = 0;
+        if (!findAttachment(st_->loaded(), info_->index, &owner, &at)) return py::list();
+        return propertyList(st_->src->checked(), owner->attachmentProperties[at]);
+    }
     py::object embedded() const;  // the Message it holds, when it is one
 
-private:
-    std::shared_ptr<Source> src_;
-    std::shared_ptr<const TnefMessageView> view_;
-    size_t i_;
+  private:
+    std::shared_ptr<State> st_;
+    const TnefAttachInfo* info_;  // in the state's listing or view, alive as long as it
 };
 
 class Message {
-public:
-    Message(std::shared_ptr<Source> src, std::shared_ptr<const TnefMessageView> view)
-        : src_(std::move(src)), view_(std::move(view)) {}
+  public:
+    // The file's own message (view null: the state's, read on demand), or an embedded one.
+    Message(std::shared_ptr<State> st, const TnefMessageView* view)
+        : st_(std::move(st)), view_(view) {}
 
     static Message open(std::shared_ptr<Source> src) {
-        auto view = std::make_shared<TnefMessageView>();
-        const int fd = src->fd;
-        withCodec([&] { tnef_ReadMessage(fd, view.get()); });
-        return Message(std::move(src), std::move(view));
+        auto st = std::make_shared<State>();
+        st->src = std::move(src);
+        const int fd = st->src->fd;
+        withCodec([&] { tnef_ListAttachments(fd, &st->list); });
+        return Message(std::move(st), nullptr);
     }
 
-    const TnefMessageView& view() const { return *view_; }
-    const std::shared_ptr<Source>& source() const { return src_; }
+    const TnefMessageView& view() const { return view_ != nullptr ? *view_ : st_->loaded(); }
+    const std::shared_ptr<Source>& source() const { return st_->src; }
+    // From the view: the listing's subject and class follow slightly different fallbacks.
+    std::string subject() const { return view().subject; }
+    std::string messageClass() const { return view().messageClass; }
+    uint32_t codePage() const { return view().codePage; }
+    uint32_t depth() const { return view_ != nullptr ? view_->depth : 0; }
 
     py::list attachments() const {
         py::list out;
-        for (size_t i = 0; i < view_->attachments.size(); ++i) out.append(Attachment(src_, view_, i));
+        if (view_ != nullptr) {
+            for (const TnefAttachInfo& a : view_->attachments) out.append(Attachment(st_, &a));
+        } else {
+            for (const TnefAttachInfo& a : st_->list.attachments)
+                if (a.parent == 0) out.append(Attachment(st_, &a));
+        }
         return out;
     }
     py::list embedded() const {
         py::list out;
-        for (const TnefMessageView& e : view_->embedded)
-            out.append(Message(src_, std::shared_ptr<const TnefMessageView>(view_, &e)));
+        for (const TnefMessageView& e : view().embedded) out.append(Message(st_, &e));
         return out;
     }
     py::list warnings() const {
+        const TnefMessageView& v = view();
         py::list out;
         for (const FlagText& f : kDamage)
-            if (view_->flags & f.flag) out.append(f.text);
-        for (const TnefAttachInfo& a : view_->attachments) {
+            if (v.flags & f.flag) out.append(f.text);
+        for (const TnefAttachInfo& a : v.attachments) {
             if (a.flags & TNEF_ATTACH_DATA_CUT)
                 out.append("attachment " + std::to_string(a.index) + " is cut short");
             if (a.flags & TNEF_ATTACH_NAME_CUT)
@@ -392,44 +474,54 @@ public:
         }
         return out;
     }
-    py::list properties() const { return propertyList(src_->checked(), view_->properties); }
+    py::list properties() const { return propertyList(st_->src->checked(), view().properties); }
     py::list recipients() const {
+        const TnefMessageView& v = view();
         py::list out;
-        const int fd = src_->checked();
-        for (const auto& row : view_->recipients) out.append(propertyList(fd, row));
+        const int fd = st_->src->checked();
+        for (const auto& row : v.recipients) out.append(propertyList(fd, row));
         return out;
     }
     py::object body(const std::string& format) const {
-        static constexpr struct { const char* name; TnefBodyKind kind; } kFormats[] = {
-            {"best", TNEF_BODY_NONE}, {"html", TNEF_BODY_HTML}, {"text", TNEF_BODY_TEXT},
-            {"rtf", TNEF_BODY_RTF}};
+        static constexpr struct {
+            const char* name;
+            TnefBodyKind kind;
+        } kFormats[] = {{"best", TNEF_BODY_NONE},
+                        {"html", TNEF_BODY_HTML},
+                        {"text", TNEF_BODY_TEXT},
+                        {"rtf", TNEF_BODY_RTF}};
         const auto* f = std::find_if(std::begin(kFormats), std::end(kFormats),
                                      [&](const auto& k) { return format == k.name; });
         if (f == std::end(kFormats))
-            throw py::value_error("body format must be best, html, text or rtf, not '" + format + "'");
-        const int fd = src_->checked();
-        const TnefBody b = withCodec([&] { return tnef_MessageBody(fd, *view_, f->kind); });
+            throw py::value_error("body format must be best, html, text or rtf, not '" + format +
+                                  "'");
+        const TnefMessageView& v = view();
+        const int fd = st_->src->checked();
+        const TnefBody b = withCodec([&] { return tnef_MessageBody(fd, v, f->kind); });
         if (b.kind == TNEF_BODY_NONE) return py::none();
         if (b.kind == TNEF_BODY_RTF) return py::bytes(b.text);
         return utf8Text(b.text);
     }
     void close() {
-        if (src_->fd >= 0) ::close(src_->fd);
-        src_->fd = -1;
+        std::lock_guard<std::mutex> lock(st_->mutex);  // not while a view is being read
+        if (st_->src->fd >= 0) ::close(st_->src->fd);
+        st_->src->fd = -1;
     }
 
-private:
-    std::shared_ptr<Source> src_;
-    std::shared_ptr<const TnefMessageView> view_;
+  private:
+    std::shared_ptr<State> st_;
+    const TnefMessageView* view_;
 };
 
 py::object Attachment::embedded() const {
-    const TnefAttachInfo& a = info();
-    if (a.kind != TNEF_ATTACH_MESSAGE) return py::none();
+    if (info_->kind != TNEF_ATTACH_MESSAGE) return py::none();
+    const TnefMessageView* owner = nullptr;
+    size_t at = 0;
+    if (!findAttachment(st_->loaded(), info_->index, &owner, &at)) return py::none();
     size_t k = 0;  // the view holds one embedded message per message attachment, in order
-    for (size_t j = 0; j < i_; ++j) k += view_->attachments[j].kind == TNEF_ATTACH_MESSAGE ? 1 : 0;
-    if (k >= view_->embedded.size()) return py::none();
-    return py::cast(Message(src_, std::shared_ptr<const TnefMessageView>(view_, &view_->embedded[k])));
+    for (size_t j = 0; j < at; ++j) k += owner->attachments[j].kind == TNEF_ATTACH_MESSAGE ? 1 : 0;
+    if (k >= owner->embedded.size()) return py::none();
+    return py::cast(Message(st_, &owner->embedded[k]));
 }
 
 // ---- Writing attachments into a folder -------------------------------------------------------
@@ -438,7 +530,7 @@ py::object Attachment::embedded() const {
 // "name (n).ext" for a name that is taken, and with overwrite only files that were there
 // before, never one this target wrote.
 class Target {
-public:
+  public:
     Target(const std::string& dir, bool overwrite) : dir_(dir), overwrite_(overwrite) {
         {
             py::gil_scoped_release release;
@@ -471,7 +563,8 @@ public:
                 try {
                     tnef_CopyAttachment(in, &info, out);
                     if (info.modified > 0) {
-                        const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(info.modified), 0}};
+                        const timespec times[2] = {{0, UTIME_OMIT},
+                                                   {static_cast<time_t>(info.modified), 0}};
                         ::futimens(out, times);
                     }
                 } catch (const Escape& e) {
@@ -493,17 +586,20 @@ public:
         return path;
     }
 
-private:
+  private:
     int create(const std::string& name, std::string* chosen, int* err) {
         constexpr unsigned kMaxCandidates = 10000;
         for (unsigned n = 1; n <= kMaxCandidates; ++n) {
             const std::string candidate = n == 1 ? name : numberedName(name, n);
             if (written_.count(candidate) != 0) continue;
-            int fd = ::openat(fd_, candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+            int fd = ::openat(fd_, candidate.c_str(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
             if (fd < 0 && errno == EEXIST && overwrite_) {
                 struct stat st {};
-                if (::fstatat(fd_, candidate.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode))
-                    fd = ::openat(fd_, candidate.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
+                if (::fstatat(fd_, candidate.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISREG(st.st_mode))
+                    fd = ::openat(fd_, candidate.c_str(),
+                                  O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
             }
             *chosen = candidate;
             if (fd >= 0) {
@@ -530,8 +626,9 @@ private:
 
 // The server home and customisation flags of one call, put back when it ends.
 class CallSettings {
-public:
-    CallSettings(const std::string& home, const std::vector<std::pair<std::string, std::string>>& flags)
+  public:
+    CallSettings(const std::string& home,
+                 const std::vector<std::pair<std::string, std::string>>& flags)
         : flags_(flags) {
         if (!home.empty()) {
             previous_ = os_GetHome();
@@ -547,7 +644,7 @@ public:
     CallSettings(const CallSettings&) = delete;
     CallSettings& operator=(const CallSettings&) = delete;
 
-private:
+  private:
     std::vector<std::pair<std::string, std::string>> flags_;
     std::string previous_;
     bool homeSet_ = false;
@@ -614,7 +711,8 @@ py::tuple serverEncode(const std::string& id, const std::string& out, const std:
         Msg_GetFileRef(message.get(), &ref);
         TfFileOwner messageFile(tf_OpenFile(ref, TF_OPEN_READONLY));
         OsFd fd(::open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        if (fd.get() < 0) er_TracedEscapeText(ER_GROUP_IO, errno, "tnef.server.encode", __LINE__, out);
+        if (fd.get() < 0)
+            er_TracedEscapeText(ER_GROUP_IO, errno, "tnef.server.encode", __LINE__, out);
         Result e;
         try {
             e.result = tnef_Encode(messageFile.get(), fd.get(), 0, &e.word, message.get());
@@ -635,7 +733,9 @@ struct FreeText {
 };
 using OwnedText = std::unique_ptr<char, FreeText>;
 
-py::object textBytes(const OwnedText& t) { return t ? py::object(py::bytes(t.get())) : py::object(py::none()); }
+py::object textBytes(const OwnedText& t) {
+    return t ? py::object(py::bytes(t.get())) : py::object(py::none());
+}
 
 // tnef_GetProp answers "not found" for a file that is no TNEF at all; callers are told
 // what the tool tells them, the reader's escape.
@@ -679,11 +779,12 @@ int64_t serverWriteblob(const std::string& out, const std::optional<std::string>
         CallSettings settings(home, flags);
         OsFd savedFd(saved.empty() ? -1 : os_open(saved.c_str(), O_RDONLY | O_CLOEXEC, 0));
         OsFd fd(::open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-        if (fd.get() < 0) er_TracedEscapeText(ER_GROUP_IO, errno, "tnef.server.writeblob", __LINE__, out);
+        if (fd.get() < 0)
+            er_TracedEscapeText(ER_GROUP_IO, errno, "tnef.server.writeblob", __LINE__, out);
         try {
-            tnef_WriteBrenvoProps2ObjectFile(fd.get(), savedFd.get(), props ? props->c_str() : nullptr,
-                                             attach ? attach->c_str() : nullptr,
-                                             recips ? recips->c_str() : nullptr);
+            tnef_WriteBrenvoProps2ObjectFile(
+                fd.get(), savedFd.get(), props ? props->c_str() : nullptr,
+                attach ? attach->c_str() : nullptr, recips ? recips->c_str() : nullptr);
             const int64_t size = os_lseek64(fd.get(), 0, SEEK_END);
             fd.close();
             return size;
@@ -735,32 +836,36 @@ PYBIND11_MODULE(_tnef, m) {
         .def_property_readonly("depth", [](const Attachment& a) { return a.info().depth; })
         .def_property_readonly("kind", [](const Attachment& a) { return kindName(a.info().kind); })
         .def_property_readonly("name", [](const Attachment& a) { return nameOf(a.info()); })
-        .def_property_readonly("safe_name", [](const Attachment& a) { return outputName(a.info()); })
+        .def_property_readonly("safe_name",
+                               [](const Attachment& a) { return outputName(a.info()); })
         .def_property_readonly("size", [](const Attachment& a) { return a.info().dataLength; })
         .def_property_readonly("mime_type", [](const Attachment& a) { return typeOf(a.info()); })
         .def_property_readonly("content_id", [](const Attachment& a) { return a.info().contentId; })
         .def_property_readonly("modified", [](const Attachment& a) { return a.info().modified; })
         .def_property_readonly("method", [](const Attachment& a) { return a.info().method; })
-        .def_property_readonly("data_cut", [](const Attachment& a) { return (a.info().flags & TNEF_ATTACH_DATA_CUT) != 0; })
-        .def_property_readonly("names", [](const Attachment& a) {
-            const TnefAttachInfo& i = a.info();
-            py::dict d;
-            d["long_file_name"] = i.longFileName;
-            d["file_name"] = i.fileName;
-            d["transport_name"] = i.transportName;
-            d["title"] = i.title;
-            d["display_name"] = i.displayName;
-            return d;
-        })
+        .def_property_readonly(
+            "data_cut",
+            [](const Attachment& a) { return (a.info().flags & TNEF_ATTACH_DATA_CUT) != 0; })
+        .def_property_readonly("names",
+                               [](const Attachment& a) {
+                                   const TnefAttachInfo& i = a.info();
+                                   py::dict d;
+                                   d["long_file_name"] = i.longFileName;
+                                   d["file_name"] = i.fileName;
+                                   d["transport_name"] = i.transportName;
+                                   d["title"] = i.title;
+                                   d["display_name"] = i.displayName;
+                                   return d;
+                               })
         .def("read", &Attachment::read)
         .def("_properties", &Attachment::properties)
         .def("_embedded", &Attachment::embedded);
 
     py::class_<Message>(m, "Message")
-        .def_property_readonly("subject", [](const Message& s) { return s.view().subject; })
-        .def_property_readonly("message_class", [](const Message& s) { return s.view().messageClass; })
-        .def_property_readonly("code_page", [](const Message& s) { return s.view().codePage; })
-        .def_property_readonly("depth", [](const Message& s) { return s.view().depth; })
+        .def_property_readonly("subject", &Message::subject)
+        .def_property_readonly("message_class", &Message::messageClass)
+        .def_property_readonly("code_page", &Message::codePage)
+        .def_property_readonly("depth", &Message::depth)
         .def_property_readonly("name", [](const Message& s) { return s.source()->name; })
         .def_property_readonly("closed", [](const Message& s) { return s.source()->fd < 0; })
         .def_property_readonly("warnings", &Message::warnings)
@@ -771,18 +876,22 @@ PYBIND11_MODULE(_tnef, m) {
         .def("body", &Message::body, py::arg("format") = "best")
         .def("close", &Message::close);
 
-    m.def("_open_path", [](const std::string& path) { return Message::open(sourceFromPath(path)); });
-    m.def("_open_bytes", [](const py::object& b) { return Message::open(sourceFromBuffer(b, "<bytes>")); });
+    m.def("_open_path",
+          [](const std::string& path) { return Message::open(sourceFromPath(path)); });
+    m.def("_open_bytes",
+          [](const py::object& b) { return Message::open(sourceFromBuffer(b, "<bytes>")); });
     m.def("_open_file", [](const py::object& f) { return Message::open(sourceFromFile(f)); });
 
     py::class_<Target>(m, "_Target")
         .def(py::init<const std::string&, bool>())
         .def("save", &Target::save);
 
-    m.def("tag_by_name", [](const std::string& name) { return tnef_PropTagByName(name); },
-          "The tag of a published property name (PR_SUBJECT -> 0x0037001E), 0 when unknown.");
-    m.def("prop_name", [](uint32_t tag) { return textOrNone(tnef_PropName(tag)); },
-          "The published name of a property tag, or None.");
+    m.def(
+        "tag_by_name", [](const std::string& name) { return tnef_PropTagByName(name); },
+        "The tag of a published property name (PR_SUBJECT -> 0x0037001E), 0 when unknown.");
+    m.def(
+        "prop_name", [](uint32_t tag) { return textOrNone(tnef_PropName(tag)); },
+        "The published name of a property tag, or None.");
     m.def("safe_file_name", [](const std::string& name, const std::string& fallback) {
         return safeFileName(name, fallback);
     });

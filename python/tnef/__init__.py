@@ -210,10 +210,10 @@ class Attachment:
 class Message:
     """A TNEF message read whole: see :func:`open`.
 
-    Strings are converted to ``str`` when the file is opened; properties, recipients and
-    attachments become Python objects when first asked for; binary values and attachment
-    bytes are read from the file on demand, so the message keeps its file open until
-    :meth:`close` (or the end of a ``with`` block).
+    Opening lists the attachments only; the rest of the message (subject, properties,
+    recipients, bodies, embedded messages, warnings) is read whole the first time any of it
+    is asked for, and binary values and attachment bytes when they are asked for, so the
+    message keeps its file open until :meth:`close` (or the end of a ``with`` block).
     """
 
     __slots__ = ("_m", "_props", "_attachments")
@@ -306,7 +306,9 @@ class Message:
                 if a.kind != "none" and (embedded or a.kind != "message")]
 
     def close(self) -> None:
-        """Closes the file; the message's strings stay readable, bytes do not."""
+        """Closes the file. What was read before stays readable (once anything beyond the
+        attachment list was asked for, the subject, properties and recipients); bytes,
+        bodies and anything not read yet raise ValueError."""
         self._m.close()
 
     def __enter__(self) -> "Message":
