@@ -306,54 +306,6 @@ py::list propertyList(int fd, const std::vector<TnefPropEntry>& entries) {
 
 // ---- Messages and attachments ----------------------------------------------------------------
 
-struct FlagText {
-    uint32_t flag;
-    const char* text;
-};
-
-constexpr FlagText kDamage[] = {
-    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
-    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
-    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
-    {TNEF_READ_NO_RECORDS, "the file holds no record"},
-    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
-    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
-    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
-    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
-};
-
-const char* kindName(uint32_t kind) {
-    switch (kind) {
-        case TNEF_ATTACH_FILE:
-            return "file";
-        case TNEF_ATTACH_OLE:
-            return "ole";
-        case TNEF_ATTACH_MESSAGE:
-            return "message";
-        default:
-            return "none";
-    }
-}
-
-// The name and type the command-line tool gives an attachment.
-std::string defaultName(const TnefAttachInfo& a) {
-    return "attachment-" + std::to_string(a.index) + ".dat";
-}
-std::string nameOf(const TnefAttachInfo& a) {
-    const std::string best = tnef_AttachBestName(a);
-    return best.empty() ? defaultName(a) : best;
-}
-std::string typeOf(const TnefAttachInfo& a) {
-    if (a.kind == TNEF_ATTACH_MESSAGE) return "application/vnd.ms-tnef";
-    if (!a.mimeTag.empty()) return a.mimeTag;
-    return guessMimeType(nameOf(a));
-}
-std::string outputName(const TnefAttachInfo& a) {
-    std::string name = safeFileName(nameOf(a), defaultName(a));
-    if (a.kind == TNEF_ATTACH_MESSAGE) name = safeFileName(name + ".tnef", defaultName(a));
-    return name;
-}
-
 // One opened file: its attachment listing, read at open (all that listing attachments
 // needs), and the whole message view, read once, under the state's own mutex, when anything
 // else is asked for (subject, properties, recipients, bodies, embedded messages, warnings).
@@ -464,8 +416,7 @@ class Message {
     py::list warnings() const {
         const TnefMessageView& v = view();
         py::list out;
-        for (const FlagText& f : kDamage)
-            if (v.flags & f.flag) out.append(f.text);
+        for (const std::string& w : readDamageTexts(v.flags)) out.append(w);
         for (const TnefAttachInfo& a : v.attachments) {
             if (a.flags & TNEF_ATTACH_DATA_CUT)
                 out.append("attachment " + std::to_string(a.index) + " is cut short");
@@ -558,7 +509,7 @@ class Target {
         int reason = 0;
         {
             py::gil_scoped_release release;
-            const int out = create(outputName(info), &chosen, &err);
+            const int out = create(attachFileName(info), &chosen, &err);
             if (out >= 0) {
                 try {
                     tnef_CopyAttachment(in, &info, out);
@@ -834,12 +785,12 @@ PYBIND11_MODULE(_tnef, m) {
         .def_property_readonly("index", [](const Attachment& a) { return a.info().index; })
         .def_property_readonly("parent", [](const Attachment& a) { return a.info().parent; })
         .def_property_readonly("depth", [](const Attachment& a) { return a.info().depth; })
-        .def_property_readonly("kind", [](const Attachment& a) { return kindName(a.info().kind); })
-        .def_property_readonly("name", [](const Attachment& a) { return nameOf(a.info()); })
+        .def_property_readonly("kind", [](const Attachment& a) { return attachKindName(a.info().kind); })
+        .def_property_readonly("name", [](const Attachment& a) { return attachName(a.info()); })
         .def_property_readonly("safe_name",
-                               [](const Attachment& a) { return outputName(a.info()); })
+                               [](const Attachment& a) { return attachFileName(a.info()); })
         .def_property_readonly("size", [](const Attachment& a) { return a.info().dataLength; })
-        .def_property_readonly("mime_type", [](const Attachment& a) { return typeOf(a.info()); })
+        .def_property_readonly("mime_type", [](const Attachment& a) { return attachType(a.info()); })
         .def_property_readonly("content_id", [](const Attachment& a) { return a.info().contentId; })
         .def_property_readonly("modified", [](const Attachment& a) { return a.info().modified; })
         .def_property_readonly("method", [](const Attachment& a) { return a.info().method; })

@@ -30,20 +30,9 @@ inline constexpr uint32_t kKindBody = 100;
 inline constexpr uint32_t kKindConverted = 101;
 
 const char* kindName(uint32_t kind) {
-    switch (kind) {
-        case kKindBody:
-            return "body";
-        case kKindConverted:
-            return "converted";
-        case TNEF_ATTACH_FILE:
-            return "file";
-        case TNEF_ATTACH_OLE:
-            return "ole";
-        case TNEF_ATTACH_MESSAGE:
-            return "message";
-        default:
-            return "none";
-    }
+    if (kind == kKindBody) return "body";
+    if (kind == kKindConverted) return "converted";
+    return attachKindName(kind);
 }
 
 const char* sourceName(uint32_t source) {
@@ -59,20 +48,6 @@ const char* sourceName(uint32_t source) {
     }
 }
 
-std::string defaultName(const TnefAttachInfo& a) {
-    return "attachment-" + std::to_string(a.index) + ".dat";
-}
-
-std::string nameOf(const TnefAttachInfo& a) {
-    const std::string best = tnef_AttachBestName(a);
-    return best.empty() ? defaultName(a) : best;
-}
-
-std::string typeOf(const TnefAttachInfo& a) {
-    if (a.kind == TNEF_ATTACH_MESSAGE) return "application/vnd.ms-tnef";
-    if (!a.mimeTag.empty()) return a.mimeTag;
-    return guessMimeType(nameOf(a));
-}
 
 // What is odd about a file, for the report.
 std::vector<std::string> warningsOf(const TnefAttachList& list) {
@@ -168,9 +143,9 @@ std::string listLine(const TnefAttachInfo& a) {
     char head[64];
     std::snprintf(head, sizeof head, "%4u  %-7s %10" PRIu64 "  ", a.index, kindName(a.kind),
                   a.dataLength);
-    std::string line = head + typeOf(a);
+    std::string line = head + attachType(a);
     line.resize(std::max<size_t>(line.size() + 2, 60), ' ');
-    line += std::string(2 * a.depth, ' ') + readableText(nameOf(a));
+    line += std::string(2 * a.depth, ' ') + readableText(attachName(a));
     if (a.flags & TNEF_ATTACH_DATA_CUT) line += "  [cut short]";
     return line + '\n';
 }
@@ -181,10 +156,10 @@ void jsonAttachment(JsonWriter& j, const TnefAttachInfo& a) {
         .field("parent", a.parent)
         .field("depth", a.depth)
         .field("kind", kindName(a.kind))
-        .field("name", nameOf(a))
+        .field("name", attachName(a))
         .field("size", a.dataLength)
         .field("offset", a.dataOffset)
-        .field("type", typeOf(a))
+        .field("type", attachType(a))
         .field("source", sourceName(a.source))
         .field("method", a.method)
         .field("modified", a.modified)
@@ -266,11 +241,6 @@ int createOutput(ExtractTarget& t, const std::string& name, std::string* chosen,
     return -1;
 }
 
-std::string outputName(const TnefAttachInfo& a) {
-    std::string name = safeFileName(nameOf(a), defaultName(a));
-    if (a.kind == TNEF_ATTACH_MESSAGE) name = safeFileName(name + ".tnef", defaultName(a));
-    return name;
-}
 
 struct Extracted {
     const TnefAttachInfo* attachment;
@@ -298,7 +268,7 @@ bool extractOne(ExtractTarget& t, int inFd, const std::string& file, const TnefA
                 FileResult& r) {
     std::string chosen;
     int err = 0;
-    const int outFd = createOutput(t, outputName(a), &chosen, &err);
+    const int outFd = createOutput(t, attachFileName(a), &chosen, &err);
     const std::string path = t.dir + "/" + chosen;
     if (outFd < 0) {
         fault(r, path, errnoText(err));
@@ -435,10 +405,10 @@ void jsonExtracted(JsonWriter& j, const std::string& path, const FileResult& r) 
         j.beginObject()
             .field("index", e.attachment->index)
             .field("kind", kindName(e.attachment->kind))
-            .field("name", nameOf(*e.attachment))
+            .field("name", attachName(*e.attachment))
             .field("path", e.path)
             .field("size", e.attachment->dataLength)
-            .field("type", typeOf(*e.attachment))
+            .field("type", attachType(*e.attachment))
             .endObject();
     j.endArray().key("errors").beginArray();
     for (const std::string& e : r.errors) j.value(e);

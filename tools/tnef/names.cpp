@@ -1,5 +1,7 @@
 #include "names.h"
 
+#include "tnef/tnef_reader.h"
+
 #include <algorithm>
 #include <cctype>
 #include <string>
@@ -109,4 +111,58 @@ std::string guessMimeType(std::string_view name) {
             if (extension == e.extension) return e.type;
     }
     return "application/octet-stream";
+}
+
+const char* attachKindName(uint32_t kind) {
+    switch (kind) {
+        case TNEF_ATTACH_FILE: return "file";
+        case TNEF_ATTACH_OLE: return "ole";
+        case TNEF_ATTACH_MESSAGE: return "message";
+        default: return "none";
+    }
+}
+
+namespace {
+
+std::string defaultName(const TnefAttachInfo& a) {
+    return "attachment-" + std::to_string(a.index) + ".dat";
+}
+
+}  // namespace
+
+std::string attachName(const TnefAttachInfo& a) {
+    const std::string best = tnef_AttachBestName(a);
+    return best.empty() ? defaultName(a) : best;
+}
+
+std::string attachType(const TnefAttachInfo& a) {
+    if (a.kind == TNEF_ATTACH_MESSAGE) return "application/vnd.ms-tnef";
+    if (!a.mimeTag.empty()) return a.mimeTag;
+    return guessMimeType(attachName(a));
+}
+
+std::string attachFileName(const TnefAttachInfo& a) {
+    std::string name = safeFileName(attachName(a), defaultName(a));
+    if (a.kind == TNEF_ATTACH_MESSAGE) name = safeFileName(name + ".tnef", defaultName(a));
+    return name;
+}
+
+std::vector<std::string> readDamageTexts(uint32_t flags) {
+    static constexpr struct {
+        uint32_t flag;
+        const char* text;
+    } kTexts[] = {
+        {TNEF_READ_TRUNCATED, "the file ends inside a record"},
+        {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
+        {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
+        {TNEF_READ_NO_RECORDS, "the file holds no record"},
+        {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
+        {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
+        {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
+        {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
+    };
+    std::vector<std::string> out;
+    for (const auto& t : kTexts)
+        if (flags & t.flag) out.emplace_back(t.text);
+    return out;
 }

@@ -1,5 +1,7 @@
 #include "tool.h"
 
+#include "names.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -273,23 +275,8 @@ bool isMessageId(const std::string& id) {
     return true;
 }
 
-namespace {
-
-constexpr FlagText kReadDamage[] = {
-    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
-    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
-    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
-    {TNEF_READ_NO_RECORDS, "the file holds no record"},
-    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
-    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
-    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
-    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
-};
-
-}  // namespace
-
 std::vector<std::string> readWarnings(uint32_t readFlags) {
-    return flagTexts(readFlags, kReadDamage);
+    return readDamageTexts(readFlags);
 }
 
 uint32_t recordFlags(int fd) {
