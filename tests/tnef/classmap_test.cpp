@@ -86,14 +86,16 @@ TEST(ClassMap, PairsMapExactBytesEachWayAndMalformedPairsAreSkippedWhole) {
 }
 
 // The file is read once per process: missing, or holding no pair, it maps nothing even
-// after it appears.
-TEST(ClassMap, AMissingOrEmptyFileLeavesEveryClassAloneForTheLifeOfTheProcess) {
-    for (const char* first : {"", "ZR_MSG_CLASS = MEMO\nOTHER = IPM.Note\n"}) {
-        TestHome home;
-        if (*first != '\0') home.write(kMapFile, first);
-        EXPECT_EQ(mapOut("MEMO"), "MEMO");
-        home.write(kMapFile, pair("IPM.Note", "MEMO"));
-        EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
-        tnefClassMap = {};
-    }
+// after it appears. (Each case a process of its own: the table is process state.)
+class ClassMapFirstFile : public testing::TestWithParam<const char*> {};
+
+TEST_P(ClassMapFirstFile, LeavesEveryClassAloneForTheLifeOfTheProcess) {
+    TestHome home;
+    if (*GetParam() != '\0') home.write(kMapFile, GetParam());
+    EXPECT_EQ(mapOut("MEMO"), "MEMO");
+    home.write(kMapFile, pair("IPM.Note", "MEMO"));
+    EXPECT_EQ(mapIn("IPM.Note"), "IPM.Note");
 }
+
+INSTANTIATE_TEST_SUITE_P(MissingOrWithoutPairs, ClassMapFirstFile,
+                         testing::Values("", "ZR_MSG_CLASS = MEMO\nOTHER = IPM.Note\n"));
