@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/test_home.h"
+#include "support/tnef_builder.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/tnef_body.h"
 #include "tnef/tnef_reader.h"
@@ -174,6 +175,7 @@ TEST(Body, RtfGivesWhatWasEncapsulated) {
         {"\\ucN skipping past the end", "{\\rtf1\\fromtext\\uc9\\u65 ab", TNEF_BODY_TEXT, "A"},
         {"groups 100,000 deep", "{\\rtf1\\fromtext " + std::string(100000, '{') + "x" + std::string(100000, '}'),
          TNEF_BODY_TEXT, "x"},
+        {"a control word with a z in it is one word", "{\\rtf1\\fromtext a\\zwj b}", TNEF_BODY_TEXT, "ab"},
         {"not encapsulated: plain text", "{\\rtf1{\\colortbl;}{\\*\\ignored y}Hi\\par there\\'}",
          TNEF_BODY_TEXT, "Hi\nthere"},
     };
@@ -240,4 +242,42 @@ TEST(Body, ContentCorpusGivesItsExpectedOutputs) {
         ++compared;
     }
     EXPECT_GE(compared, 25u);
+}
+
+// Which body a message gives, and how its 8-bit text is read: one TNEF stream a row.
+TEST(Body, MessageBodyChoiceAndCharsets) {
+    constexpr uint32_t PR_BODY_A = 0x1000001E, PR_BODY_HTML_A = 0x1013001E, PR_INTERNET_CPID = 0x3FDE0003,
+                       PR_RTF_COMPRESSED = 0x10090102;
+    const std::string html = "{\\rtf1\\ansi\\fromhtml1 {\\*\\htmltag <b>}x{\\*\\htmltag </b>}}";
+    const struct {
+        const char* what;
+        tnefbuild::PropList props;
+        TnefBodyKind want;
+        TnefBodyKind kind;
+        std::string source, text;
+    } cases[] = {
+        {"8-bit text in the internet code page UTF-16",
+         tnefbuild::PropList().long32(PR_INTERNET_CPID, 1200).string8(PR_BODY_A, "h\0i\0"s), TNEF_BODY_TEXT,
+         TNEF_BODY_TEXT, "PR_BODY", "hi"},
+        {"HTML in its own meta charset", tnefbuild::PropList().string8(PR_BODY_HTML_A, "<meta charset=windows-1251>\xC0"),
+         TNEF_BODY_HTML, TNEF_BODY_HTML, "PR_BODY_HTML", "<meta charset=windows-1251>\xD0\x90"},
+        {"best is HTML over text", tnefbuild::PropList().string8(PR_BODY_A, "t").string8(PR_BODY_HTML_A, "<p>"),
+         TNEF_BODY_NONE, TNEF_BODY_HTML, "PR_BODY_HTML", "<p>"},
+        {"HTML out of compressed RTF", tnefbuild::PropList().binary(PR_RTF_COMPRESSED, tnef_CompressRtf(html)),
+         TNEF_BODY_NONE, TNEF_BODY_HTML, "PR_RTF_COMPRESSED", "<b>x</b>"},
+        {"no text where the RTF holds HTML", tnefbuild::PropList().binary(PR_RTF_COMPRESSED, tnef_CompressRtf(html)),
+         TNEF_BODY_TEXT, TNEF_BODY_NONE, "", ""},
+    };
+    TestHome home;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        home.write("m.tnef", tnefbuild::Stream().header().tnefVersion().record(1, 0x00069003, c.props.bytes()).bytes());
+        OsFd fd(os_open(home.file("m.tnef").c_str(), O_RDONLY, 0));
+        TnefMessageView view;
+        tnef_ReadMessage(fd.get(), &view);
+        const TnefBody body = tnef_MessageBody(fd.get(), view, c.want);
+        EXPECT_EQ(body.kind, c.kind);
+        EXPECT_EQ(body.source, c.source);
+        EXPECT_EQ(body.text, c.text);
+    }
 }
