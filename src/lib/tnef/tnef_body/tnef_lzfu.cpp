@@ -158,8 +158,47 @@ class Inflater {
         return std::min(n, end_ - w_);
     }
 
+    // The writer's ring position of the next byte.
+    size_t ring() const { return static_cast<size_t>(kPrimerSize + flushed_ + (w_ - kDictionarySize)) & (kDictionarySize - 1); }
+
+    // A whole group (a control byte and at most 16 item bytes) when the input piece holds it
+    // and the window has room for eight of the longest items: no bound to check per byte.
+    // Returns false after the end marker.
+    bool fastGroup(RtfInput& in) {
+        const uint8_t* p = in.buffer.data() + in.pos;
+        char* const base = buf_.data();
+        char* o = base + w_;
+        uint8_t control = *p++;
+        for (int bit = 0; bit < 8; ++bit, control >>= 1) {
+            if ((control & 1) == 0) {
+                *o++ = static_cast<char>(*p++);
+                continue;
+            }
+            const uint8_t hi = p[0], lo = p[1];
+            p += 2;
+            const size_t from = (static_cast<size_t>(hi) << 4) | (lo >> 4);
+            w_ = static_cast<size_t>(o - base);
+            const size_t at = ring();
+            if (from == at) {
+                in.pos = static_cast<size_t>(p - in.buffer.data());
+                return false;
+            }
+            const char* src = o - ((at - from) & (kDictionarySize - 1));
+            for (size_t i = 0, n = (lo & 0xFu) + 2u; i < n; ++i) *o++ = src[i];
+        }
+        w_ = static_cast<size_t>(o - base);
+        in.pos = static_cast<size_t>(p - in.buffer.data());
+        return true;
+    }
+
     uint32_t items(RtfInput& in) {
+        constexpr size_t kGroupBytes = 17, kGroupOutput = 8 * 17;
         for (;;) {
+            if (in.size - in.pos >= kGroupBytes && end_ - w_ >= kGroupOutput) {
+                if (!fastGroup(in)) return 0;
+                continue;
+            }
+            ring_ = ring();
             uint8_t control = 0;
             if (!in.next(control)) return TNEF_RTF_CUT;
             for (int bit = 0; bit < 8; ++bit, control >>= 1) {
