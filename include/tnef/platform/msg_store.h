@@ -67,6 +67,22 @@ void Msg_Save(int16_t msg, int16_t tf);
 // The message's folder: the one place that names it.
 std::string msg_FolderPath(uint32_t idHigh, uint32_t idLow);
 
+// Takes back, when an escape passes through it, the names the store made while it was open
+// outside any message folder: kept objects, and the own names of items attached as parts.
+// For work that builds a message and then publishes it (a decode, then Msg_Save): when it
+// fails, deleting the unpublished message leaves nothing it stored. Scopes nest; the
+// outermost one undoes.
+class StoreUndoScope {
+public:
+    StoreUndoScope();
+    ~StoreUndoScope();
+    StoreUndoScope(const StoreUndoScope&) = delete;
+    StoreUndoScope& operator=(const StoreUndoScope&) = delete;
+
+private:
+    int escapes_;
+};
+
 // Closes a message handle on destruction without raising.
 class MsgOwner {
 public:
