@@ -42,11 +42,17 @@ ItemRef linkAsObject(const std::string& source) {
         const ItemRef kept{{IM_KIND_OBJECT, static_cast<uint32_t>(std::time(nullptr)),
                             store::processId(), store::randomWord()}};
         const std::string target = im_ItemRef2FName(kept);
-        if (mdc_link(source.c_str(), target.c_str()) == 0) return kept;
+        if (mdc_link(source.c_str(), target.c_str()) == 0) {
+            store::noteNewName(target);
+            return kept;
+        }
         // The objects folder is made with the first object a home keeps.
         if (errno == ENOENT) {
             os_MakeParentDirs(target);
-            if (mdc_link(source.c_str(), target.c_str()) == 0) return kept;
+            if (mdc_link(source.c_str(), target.c_str()) == 0) {
+            store::noteNewName(target);
+            return kept;
+        }
         }
         if (errno != EEXIST)
             store::raiseErrno(errno, kUnit, __LINE__, "cannot link " + source + " to " + target);
@@ -139,6 +145,7 @@ void mp_PutMAPIPropsData(uint32_t flags, uint32_t flags2, const dstring* text, i
         ItemRef ref;
         OsFd fd(im_CrNewItem(IM_KIND_OBJECT, &ref));
         textItem.emplace(ref);
+        store::noteNewName(im_ItemRef2FName(ref));
         os_write(fd.get(), bytes.data(), length);
         fd.close();
         tf_PutINT32(&data, 24, MP_WHERE_ITEM);

@@ -10,6 +10,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -238,12 +239,14 @@ void makeDurable(const Staging& staging, const std::string& bytes) {
     std::vector<ItemRef> objects = store::namedItems(bytes);
     std::erase_if(objects, [](const ItemRef& r) { return r.w[0] != IM_KIND_OBJECT; });
     for (const ItemRef& r : objects) files.push_back(im_ItemRef2FName(r));
-    // Writing starts for every file before the first wait, so the waits overlap.
+    // Writing starts for every file before the first wait, so the waits overlap (a hint, left
+    // out when the system calls are replaced, whose syncs may not write at all).
+    const bool hint = !os_SysCallsReplaced();
     std::vector<OsFd> open;
     open.reserve(files.size());
     for (const std::string& f : files) {
         open.emplace_back(os_open(f.c_str(), O_RDONLY, 0));
-        ::sync_file_range(open.back().get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+        if (hint) ::sync_file_range(open.back().get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     }
     for (size_t i = 0; i < open.size(); ++i) {
         if (mdc_fsync(open[i].get(), 1) != 0) failed(__LINE__, "cannot make " + files[i] + " durable");
@@ -399,6 +402,7 @@ int Msg_AttachFile(int16_t msg, const ItemRef& ref) {
     for (uint32_t part = first;; ++part) {
         const std::string target = im_ItemRef2FName(memberRef(m, part));
         if (mdc_link(source.c_str(), target.c_str()) == 0) {
+            if (ref.w[0] != IM_KIND_MESSAGE) store::noteNewName(source);
             m.partsSeen = part;
             return static_cast<int>(part);
         }
@@ -471,6 +475,28 @@ void msgSave(int16_t msg, int16_t tf, bool publishIt) {
 }  // namespace store
 
 void Msg_Save(int16_t msg, int16_t tf) { store::msgSave(msg, tf, true); }
+
+namespace {
+
+int g_undoDepth = 0;
+std::vector<std::string> g_undoNames;  // made while the outermost scope is open
+
+}  // namespace
+
+void store::noteNewName(const std::string& path) {
+    if (g_undoDepth > 0) g_undoNames.push_back(path);
+}
+
+StoreUndoScope::StoreUndoScope() : escapes_(std::uncaught_exceptions()) {
+    if (g_undoDepth++ == 0) g_undoNames.clear();
+}
+
+StoreUndoScope::~StoreUndoScope() {
+    if (--g_undoDepth != 0) return;
+    if (std::uncaught_exceptions() > escapes_)
+        for (const std::string& path : g_undoNames) mdc_unlink(path.c_str());
+    g_undoNames.clear();
+}
 
 MsgOwner::~MsgOwner() {
     if (msg_ != 0) messages().remove(msg_);

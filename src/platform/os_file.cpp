@@ -101,13 +101,17 @@ int64_t rawWriteFully(int fd, const void* buffer, int64_t count) {
 }
 
 int64_t rawSeek(int fd, int64_t offset, int whence) {
-    const off_t pos = g_calls->lseek(fd, static_cast<off_t>(offset), whence);
+    off_t pos;
+    do {
+        pos = g_calls->lseek(fd, static_cast<off_t>(offset), whence);
+    } while (pos < 0 && errno == EINTR);
     return pos < 0 ? -1 : pos;
 }
 
 }  // namespace osio
 
 const OsSysCalls& os_GetSysCalls() { return *g_calls; }
+bool os_SysCallsReplaced() { return g_calls != &kRealCalls; }
 void os_SetSysCalls(const OsSysCalls* calls) {
     if (calls == nullptr) {
         g_calls = &kRealCalls;

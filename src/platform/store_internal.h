@@ -121,6 +121,9 @@ MsgFile& tfLookup(int16_t handle);
 // apart (19510, 19610), of kinds 1 and 3. Stops quietly at the first damaged record.
 std::vector<ItemRef> namedItems(const std::string& bytes);
 
+// Notes a name the store made, for the open StoreUndoScope (nothing when none is open).
+void noteNewName(const std::string& path);
+
 // Msg_Save's work; publishIt false writes a staged message's file and leaves it staged
 // (the received-message builder: the decode that follows publishes it).
 void msgSave(int16_t msg, int16_t tf, bool publishIt);

@@ -73,6 +73,8 @@ std::vector<std::string> warningsOf(const TnefDecodeReport& r) {
 // Builds, decodes and saves; on an escape the half-built message is removed again.
 DecodeResult decodeIntoStore(const std::string& path, const std::string& name, uint32_t addressUpdate,
                              uint32_t suppress) {
+    // What the decode stores outside the message goes again if the message is not published.
+    const StoreUndoScope undo;
     ReceivedMessage received;
     received.tnefPath = path;
     received.tnefName = name;

@@ -5,8 +5,13 @@
 //   ~/store/messages/<id>/part-<n>   part n (1, 2, ...): a hard link to the attached item
 //
 // The id is sixteen lower-case hexadecimal digits: the creation time in seconds and a
-// random word, so ids sort by age. A new folder is taken with mkdir, which fails when the
-// name exists, so concurrent processes never share one.
+// random word, so ids sort by age.
+//
+// A new message is built where no reader looks, ~/store/staging/<id>/ (taken with mkdir, so
+// concurrent processes never share one, and locked with flock while its process lives), and
+// published by Msg_Save: its files, the objects its records name and its folder are made
+// durable, then one rename makes it ~/store/messages/<id>/. A reader (Msg_List, Msg_Open in
+// another process) finds no message or the whole message, whenever the builder dies.
 //
 // Message handles are 16-bit, valid from Msg_Create or Msg_Open until Msg_Close; a closed
 // handle is refused (103/2). Closing keeps the message.
@@ -25,7 +30,8 @@
 // Everything this header declares is part of the library's exported interface.
 #pragma GCC visibility push(default)
 
-// A new, empty message (its message file exists and holds no record).
+// A new, empty message (its message file exists and holds no record), staged: this process
+// alone sees it until Msg_Save publishes it. Closing its last handle unsaved removes it.
 int16_t Msg_Create();
 // The message with that id. Raises 100/ENOENT naming the folder when there is none.
 int16_t Msg_Open(const char* id);
@@ -60,12 +66,29 @@ int16_t Msg_OpenFile(int16_t msg);
 // file order, packages included); a record without such a part keeps 0. The sizes are
 // filled in tf's own file too (unless it is open read-only). When tf is the message's own
 // file that is the save; otherwise the file is copied and put in place with rename, so a
-// reader sees the old message file or the new one, never half of either. The handle's
-// reading position is not disturbed. Raises 103/3 for a damaged message file.
+// reader sees the old message file or the new one, never half of either. A staged message
+// is then published (see above); an escape leaves it staged. The handle's reading position
+// is not disturbed. Raises 103/3 for a damaged message file.
 void Msg_Save(int16_t msg, int16_t tf);
 
 // The message's folder: the one place that names it.
 std::string msg_FolderPath(uint32_t idHigh, uint32_t idLow);
+
+// Takes back, when an escape passes through it, the names the store made while it was open
+// outside any message folder: kept objects, and the own names of items attached as parts.
+// For work that builds a message and then publishes it (a decode, then Msg_Save): when it
+// fails, deleting the unpublished message leaves nothing it stored. Scopes nest; the
+// outermost one undoes.
+class StoreUndoScope {
+public:
+    StoreUndoScope();
+    ~StoreUndoScope();
+    StoreUndoScope(const StoreUndoScope&) = delete;
+    StoreUndoScope& operator=(const StoreUndoScope&) = delete;
+
+private:
+    int escapes_;
+};
 
 // Closes a message handle on destruction without raising.
 class MsgOwner {

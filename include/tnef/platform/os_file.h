@@ -89,6 +89,7 @@ struct OsSysCalls {
 // null in a replacement are the real calls.
 const OsSysCalls& os_GetSysCalls();
 void os_SetSysCalls(const OsSysCalls* calls);
+bool os_SysCallsReplaced();
 
 // The table's other calls, without escapes: 0, or -1 with errno. EINTR is retried; paths are
 // used as given ("~/" is not resolved). mdc_fsync counts EINVAL (a descriptor that cannot be

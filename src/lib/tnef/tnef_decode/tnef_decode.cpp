@@ -271,13 +271,15 @@ void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16
     OsFd tnef(os_open(path, O_RDONLY, 0));
     tnefDecodeReport.fileBytes = static_cast<uint64_t>(std::max<int64_t>(os_fsize(tnef.get()), 0));
 
+    const StoreUndoScope undo;
     const LinkedPartsRollback rollback;
     ItemRef objectRef{};
     uint32_t kind = 0;
-    os_close(im_CrNewDataItem(&kind, &objectRef));
-    // The decode's own name of the object file goes in the end, whatever happens; the
-    // message keeps the object through the link that storing it makes.
+    OsFd created(im_CrNewDataItem(&kind, &objectRef));
+    // The decode's own name of the object file goes in the end, whatever happens (a failing
+    // close included); the message keeps the object through the link that storing it makes.
     ImItemOwner objectItem(objectRef);
+    created.close();
     OsFd object(os_open(im_ItemRef2FName(objectRef).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0660));
 
     const uint32_t codePage = tnef_SetOemCodePage(object.get(), tnef.get());
@@ -302,7 +304,12 @@ void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16
                   &mainText, &secondaryText, v.messageClass.data(), v.priority, v.subject.data(),
                   v.importance, v.sensitivity, v.deferredTime, v.deferredCompanion, v.expiryTime,
                   v.expiryCompanion, addressUpdate, v.autoForwarded, v.recurrence);
-    *messageFile = updated;
+    // The new file is the decode's until every pending write has reached its file: a write
+    // that fails now takes the new file back and leaves the caller's handle as it was.
+    TfFileOwner result(updated);
+    result.discardItem();
+    ioBatch.end();
+    *messageFile = result.release();
 
     if (v.deliveryReport != 0) *receipt = 4;
     if (v.readReceipt != 0) *receipt = 7;

@@ -69,8 +69,10 @@ bool tnef_AddToObjectFile(int objectFd, int tnefFd, uint32_t id, uint8_t level) 
 
 int16_t tnef_NewTempMessageFile() {
     ItemRef ref{};
-    os_close(im_CrNewTempItem(&ref));
+    OsFd created(im_CrNewTempItem(&ref));
+    // Owned before the close, which can fail too.
     ImItemOwner item(ref);
+    created.close();
     const int16_t tf = tf_CreateFromItemRef(ref);
     item.release();
     return tf;
