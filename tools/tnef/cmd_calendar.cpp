@@ -24,7 +24,8 @@ constexpr const char* kCalendarHelp =
     "zone, the series and its changed instances, organizer and attendees by address. Exit\n"
     "status 1 when the message is none of these.\n"
     "\n"
-    "With --json: {\"file\",\"method\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"};\n"
+    "With --json: "
+    "{\"file\",\"method\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"};\n"
     "the calendar goes to OUT (required with --json).\n";
 
 constexpr const char* kContactHelp =
@@ -38,7 +39,8 @@ constexpr const char* kContactHelp =
 
 constexpr FlagText kConvertWarnings[] = {
     {TNEF_CONVERT_BAD_RECURRENCE, "the recurrence pattern cannot be read: the series is left out"},
-    {TNEF_CONVERT_EXCEPTIONS_CUT, "the recurrence pattern holds fewer changed instances than it announces"},
+    {TNEF_CONVERT_EXCEPTIONS_CUT,
+     "the recurrence pattern holds fewer changed instances than it announces"},
     {TNEF_CONVERT_BAD_TIMEZONE, "the time zone cannot be read: times are given in UTC"},
     {TNEF_CONVERT_NO_ORGANIZER, "no address for the organizer"},
     {TNEF_CONVERT_NO_ADDRESS, "a person without an e-mail address is left out"},
@@ -90,7 +92,8 @@ int convert(const GlobalOptions& g, const std::vector<std::string>& args, const 
         ::close(fd);
     } catch (const Escape& e) {
         ::close(fd);
-        if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
+        if (g.json)
+            writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
         reportEscape(file, e);
         return kExitError;
     }
@@ -107,8 +110,8 @@ int convert(const GlobalOptions& g, const std::vector<std::string>& args, const 
     const bool toFile = p.has("-o");
     if (toFile && !writeWholeFile(p.get("-o"), c.text)) return kExitError;
     if (!g.json) return toFile || writeOut(c.text) ? kExitOk : kExitError;
-    nlohmann::json report = {{"file", file},       {"component", c.component},
-                             {"depth", item->depth}, {"bytes", c.text.size()},
+    nlohmann::json report = {{"file", file},          {"component", c.component},
+                             {"depth", item->depth},  {"bytes", c.text.size()},
                              {"output", p.get("-o")}, {"warnings", warnings}};
     if (kind == TNEF_CONVERT_ICALENDAR) report["method"] = c.method;
     return writeOut(report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n")
