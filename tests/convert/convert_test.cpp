@@ -342,6 +342,25 @@ std::vector<Case> cases() {
          {"RRULE:FREQ=DAILY", "EXDATE"},
          {},
          TNEF_CONVERT_BAD_RECURRENCE},
+        {"a subject of blanks and a start libical cannot write",
+         [] {
+             Message m;
+             m.cls = "IPM.Appointment";
+             return m.text(PR_SUBJECT, " \t").time(kAppointment, 0x820D, mapiTime(3100, 1, 1)), m;
+         },
+         {"METHOD:PUBLISH"},
+         {"SUMMARY", "DTSTART", "00000000"},
+         {},
+         TNEF_CONVERT_NO_START | TNEF_CONVERT_NO_ORGANIZER},
+        {"an instance that starts after its day",
+         [=] {
+             return recurring(kBerlin, mapiTime(2024, 4, 1, 7), mapiTime(2024, 4, 1, 8),
+                              {kDaily, 0, 1440, {}, 0x2022, 3, apr1, apr1, 2000, 2060, {}, {}, {}});
+         },
+         {"DTSTART;TZID=W. Europe Standard Time:20240401T090000"},
+         {"RRULE:FREQ=DAILY"},
+         {},
+         TNEF_CONVERT_BAD_RECURRENCE},
         {"a time zone rule in month 13",
          [] {
              return meeting("IPM.Appointment", kMonth13, mapiTime(2024, 6, 3, 8),
