@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Times `tnef extract` (and `tnef decode`) against the two peer extractors from Debian's
+# Times `tnefx extract` (and `tnefx decode`, and `tnefx body` on a large compressed body) against the two peer extractors from Debian's
 # archive and against `cp` of the same bytes, side by side in one run.
 #
 #   bench/peers.sh [RUNS]     RUNS repetitions of every measurement (default 5); medians shown
 #
 # Inputs: every file of the shared corpus (one process per file, and all of them in one
-# `tnef extract` process), and a generated stream with one 256 MiB attachment.
+# `tnefx extract` process), and a generated stream with one 256 MiB attachment.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -22,8 +22,8 @@ fi
 [ -x /usr/bin/time ] || { echo "needs GNU time (/usr/bin/time)" >&2; exit 2; }
 
 cmake --preset release >/dev/null
-cmake --build build/release --target tnef_tool >/dev/null
-ours="$root/build/release/tools/tnef/tnef"
+cmake --build build/release --target tnef_tool tnef_make_sample >/dev/null
+ours="$root/build/release/tools/tnef/tnefx"
 peer_tnef=/usr/bin/tnef
 peer_ytnef=$(command -v ytnef)
 
@@ -96,18 +96,26 @@ measure "cp" "cp '$big' \"\$out/\""
 # decode writes two files of the input's size (the store's copy of the TNEF file and the
 # attachment): its floor is two copies.
 measure "cp twice" "cp '$big' \"\$out/a\" && cp '$big' \"\$out/b\""
-measure "tnef extract" "'$ours' extract -C \"\$out\" '$big'"
-measure "tnef decode" "'$ours' --home \"\$out/home\" decode '$big'"
+measure "tnefx extract" "'$ours' extract -C \"\$out\" '$big'"
+measure "tnefx decode" "'$ours' --home \"\$out/home\" decode '$big'"
 measure "peer tnef" "cd \"\$out\" && '$peer_tnef' -f '$big'"
 measure "peer ytnef" "'$peer_ytnef' -f \"\$out\" '$big'"
+
+echo
+echo "-- a body of 64 MiB of HTML encapsulated in compressed RTF"
+"$root/build/release/tools/tnef/tnef_make_sample" --big-body "$work/body.tnef" 64
+measure "tnefx body rtf" "'$ours' body --format rtf '$work/body.tnef' -o \"\$out/message.rtf\""
+measure "tnefx body html" "'$ours' body --format html '$work/body.tnef' -o \"\$out/message.html\""
+measure "peer tnef body rtf" "cd \"\$out\" && '$peer_tnef' --save-body --body-pref=r -f '$work/body.tnef'"
+measure "peer ytnef body rtf" "'$peer_ytnef' -F -f \"\$out\" '$work/body.tnef'"
 
 if [ ${#files[@]} -gt 0 ]; then
   echo
   echo "-- the corpus (${#files[@]} files)"
   list=$(printf "'%s' " "${files[@]}")
   measure "cp loop" "for f in $list; do cp \"\$f\" \"\$out/\"; done"
-  measure "tnef extract loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$ours' extract -C \"\$d\" \"\$f\" || true; done"
-  measure "tnef extract batch" "'$ours' extract -C \"\$out\" $list || true"
+  measure "tnefx extract loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$ours' extract -C \"\$d\" \"\$f\" || true; done"
+  measure "tnefx extract batch" "'$ours' extract -C \"\$out\" $list || true"
   measure "peer tnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; (cd \"\$d\" && '$peer_tnef' -f \"\$f\") || true; done"
   measure "peer ytnef loop" "for f in $list; do d=\"\$out/\$(basename \"\$f\")\"; mkdir -p \"\$d\"; '$peer_ytnef' -f \"\$d\" \"\$f\" || true; done"
 fi
@@ -120,9 +128,11 @@ fastest() {
 }
 echo
 big_peer=$(fastest "${wall[peer tnef]}" "${wall[peer ytnef]}")
-echo "256 MiB: extract/faster peer $(ratio "${wall[tnef extract]}" "$big_peer"), decode/faster peer $(ratio "${wall[tnef decode]}" "$big_peer")"
-echo "256 MiB: extract/cp $(ratio "${wall[tnef extract]}" "${wall[cp]}"), decode/cp $(ratio "${wall[tnef decode]}" "${wall[cp]}"), decode/cp twice $(ratio "${wall[tnef decode]}" "${wall[cp twice]}")"
+echo "256 MiB: extract/faster peer $(ratio "${wall[tnefx extract]}" "$big_peer"), decode/faster peer $(ratio "${wall[tnefx decode]}" "$big_peer")"
+echo "256 MiB: extract/cp $(ratio "${wall[tnefx extract]}" "${wall[cp]}"), decode/cp $(ratio "${wall[tnefx decode]}" "${wall[cp]}"), decode/cp twice $(ratio "${wall[tnefx decode]}" "${wall[cp twice]}")"
+body_peer=$(fastest "${wall[peer tnef body rtf]}" "${wall[peer ytnef body rtf]}")
+echo "64 MiB body: rtf/faster peer $(ratio "${wall[tnefx body rtf]}" "$body_peer"), html/faster peer $(ratio "${wall[tnefx body html]}" "$body_peer")"
 if [ ${#files[@]} -gt 0 ]; then
   loop_peer=$(fastest "${wall[peer tnef loop]}" "${wall[peer ytnef loop]}")
-  echo "corpus: extract loop/faster peer loop $(ratio "${wall[tnef extract loop]}" "$loop_peer"), faster peer loop/batch $(ratio "$loop_peer" "${wall[tnef extract batch]}")"
+  echo "corpus: extract loop/faster peer loop $(ratio "${wall[tnefx extract loop]}" "$loop_peer"), faster peer loop/batch $(ratio "$loop_peer" "${wall[tnefx extract batch]}")"
 fi

@@ -140,17 +140,18 @@ int main(int argc, char** argv) {
     const std::string html =
         "{\\rtf1\\ansi\\ansicpg1251\\fromhtml1{\\fonttbl{\\f0\\fcharset204 A;}}{\\*\\htmltag <b>}"
         "\\htmlrtf x\\htmlrtf0 \\'c0\\u8364?\\~{\\*\\mhtmltag y}\\par}";
-    put(out, "body", "lzfu-html", tnef_CompressRtf(html));
+    put(out, "rtf", "lzfu-html", tnef_CompressRtf(html));
+    put(out, "deencap", "rtf-html", html);
     for (const auto& [name, bytes] : calbuild::calendarSeeds()) put(out, "convert", name, bytes);
-    put(out, "body", "rtf-html", html);
     if (argc > 2) {
         for (const auto& entry : fs::directory_iterator(argv[2]))
             seedsFrom(out, entry.path().filename().string(), readFileBytes(entry.path().string()), home);
         const fs::path content = fs::path(argv[2]) / ".." / "content" / "files";
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(content, ec)) {
-            put(out, "body", entry.path().filename().string(), readFileBytes(entry.path().string()));
-            put(out, "convert", entry.path().filename().string(), readFileBytes(entry.path().string()));
+            const std::string bytes = readFileBytes(entry.path().string());
+            put(out, bytes.rfind("{\\rtf", 0) == 0 ? "deencap" : "rtf", entry.path().filename().string(), bytes);
+            put(out, "convert", entry.path().filename().string(), bytes);
         }
     }
     fs::remove_all(home);

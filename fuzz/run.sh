@@ -16,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 mode=${1:-ci}
-targets=(decode getprop scan oemcodepage parsedata writeblob encode read body convert)
+targets=(decode getprop scan oemcodepage parsedata writeblob encode read rtf deencap convert)
 
 cmake --preset fuzz >/dev/null
 cmake --build build/fuzz
@@ -35,20 +35,24 @@ fi
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-common=(-dict="$root/fuzz/tnef.dict" -timeout=10 -rss_limit_mb=2048 -max_len=65536)
+common=(-timeout=10 -rss_limit_mb=2048 -max_len=65536)
+# A target with a dictionary of its own (fuzz/<target>.dict) uses it; the others the stream's.
+dict_for() {
+  if [ -f "$root/fuzz/$1.dict" ]; then echo "-dict=$root/fuzz/$1.dict"; else echo "-dict=$root/fuzz/tnef.dict"; fi
+}
 
 campaign_one() {
   local t=$1 seconds=$2 kept="$root/tests/fuzz/$1" grown merged log="$root/build/fuzz/campaign-$1.log"
   mkdir -p "$kept/corpus" "$kept/crashers"
   grown=$(mktemp -d)
   echo "== fuzz_$t: ${seconds}s"
-  build/fuzz/fuzz/fuzz_$t "${common[@]}" -max_total_time="$seconds" -print_final_stats=1 \
+  build/fuzz/fuzz/fuzz_$t "${common[@]}" "$(dict_for "$t")" -max_total_time="$seconds" -print_final_stats=1 \
     -artifact_prefix="$kept/crashers/" "$grown" "$kept/corpus" "$seeds/$t" \
     2>"$log" || echo "fuzz_$t stopped on a finding: see $log"
   grep -E 'stat::number_of_executed_units|DONE|ERROR' "$log" | tail -n 3 | sed "s/^/   $t: /" || true
   # Keep a minimal set that covers what the grown inputs cover, without the seeds themselves.
   merged=$(mktemp -d)
-  build/fuzz/fuzz/fuzz_$t "${common[@]}" -merge=1 "$merged" "$kept/corpus" "$grown" \
+  build/fuzz/fuzz/fuzz_$t "${common[@]}" "$(dict_for "$t")" -merge=1 "$merged" "$kept/corpus" "$grown" \
     2>/dev/null || true
   rm -rf "$kept/corpus" && mkdir -p "$kept/corpus" && cp "$merged"/* "$kept/corpus/" 2>/dev/null || true
   rm -rf "$grown" "$merged"
@@ -66,7 +70,7 @@ case "$mode" in
       # Crashers of the past and kept inputs run first: each is a regression check.
       samples=()
       [ -d "$kept/sample" ] && samples=("$kept/sample")
-      build/fuzz/fuzz/fuzz_$t "${common[@]}" -runs="$runs" -artifact_prefix="$work/" \
+      build/fuzz/fuzz/fuzz_$t "${common[@]}" "$(dict_for "$t")" -runs="$runs" -artifact_prefix="$work/" \
         "$work" "$kept/crashers" "${samples[@]}" "$kept/corpus" "$seeds/$t" 2>"$work/log" || {
         tail -n 60 "$work/log"; echo "fuzz_$t found a fault"; exit 1; }
       grep -E '^(Done|#[0-9]+ +DONE)' "$work/log" | tail -n 1 || true

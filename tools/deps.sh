@@ -15,10 +15,20 @@ libbenchmark-dev
 nlohmann-json3-dev
 libcli11-dev
 libssl-dev
-pkgconf
+help2man
+pkg-config
 libical-dev
 python3-icalendar
 python3-vobject
+python3-dev
+pybind11-dev
+python3-pybind11
+python3-setuptools
+python3-venv
+python3-pytest
+python3-pandas
+python3-dask
+python3-distributed
 "
 for pkg in $pkgs; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need="$need $pkg"

@@ -52,6 +52,24 @@ uint32_t tnef_SetOemCodePage(int outFd, int inFd);
 void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16_t* receipt,
                  uint32_t* replyRequested, uint32_t addressUpdate, uint32_t suppressMapiData);
 
+// What the last tnef_Decode of this process did not store as parts of the message, so a
+// caller can say so. Counting changes nothing the decode does; a decode that escapes leaves
+// the counts of what it had read.
+struct TnefDecodeReport {
+    uint32_t records;                // top-level records read whole
+    uint32_t attachmentsLinked;      // attachment data linked to the message, at every depth
+    uint32_t dataWithoutProperties;  // attachment data no attAttachment completed: dropped
+    uint32_t propertiesWithoutData;  // file attachments whose data never came
+    uint32_t keptInObjectFile;       // attachment data kept only in the object file (OLE
+                                     // objects, data before any rendering record)
+    uint32_t embeddedCutShort;       // embedded messages whose stream ends inside a record
+    int64_t cutAt;                   // offset of the record the end of the file cuts short,
+                                     // -1 when the stream ends between records
+    uint64_t bytesNotDecoded;        // from cutAt to the end of the file
+    uint64_t fileBytes;              // the file's size; below 17 it holds no whole record
+};
+void tnef_GetDecodeReport(TnefDecodeReport* report);
+
 // ---- Message class map ("~/sys/mapiclass.map", loaded once per process) -------------------
 
 // Replaces a MAPI class by the server's class, in place; unknown classes stay unchanged.

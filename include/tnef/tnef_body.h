@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,22 @@ struct TnefDeencapsulated {
 // than 1024 are read as their content, without their state.
 TnefDeencapsulated tnef_DeencapsulateRtf(std::string_view rtf);
 
+// The same a piece at a time, for RTF too large to hold (a body decompressed from a file):
+// tnef_DeencapBegin, tnef_DeencapFeed for each piece as it arrives (the HTML or text goes to
+// sink as it is found), then tnef_DeencapEnd, which gives kind and encapsulated (text empty)
+// and frees the state. Memory stays bounded whatever the RTF's size; the result is the same
+// as tnef_DeencapsulateRtf's on the whole, but for a single control word of over 64 KiB.
+struct TnefDeencapReader;
+struct TnefDeencapStream {
+    struct Free {
+        void operator()(TnefDeencapReader* r) const;
+    };
+    std::unique_ptr<TnefDeencapReader, Free> reader;
+};
+void tnef_DeencapBegin(TnefDeencapStream* stream, TnefByteSink sink);
+void tnef_DeencapFeed(TnefDeencapStream* stream, const char* bytes, size_t n);
+TnefDeencapsulated tnef_DeencapEnd(TnefDeencapStream* stream);
+
 // ---- The message's body --------------------------------------------------------------------
 
 struct TnefBody {
@@ -95,5 +112,11 @@ struct TnefBody {
 // 8-bit bodies are converted by PR_INTERNET_CPID, else an HTML meta charset, else the
 // stream's code page. fd is the file the view was read from. kind NONE when there is none.
 TnefBody tnef_MessageBody(int fd, const TnefMessageView& view, TnefBodyKind want);
+
+// The same written to sink a piece at a time (text left empty): a body from compressed RTF is
+// decompressed and de-encapsulated as it goes, in memory that stays the same whatever its
+// size. Whether RTF encapsulates HTML is judged from its first 64 KiB (where the header says
+// so). Escapes 100/errno when the file cannot be read.
+TnefBody tnef_WriteMessageBody(int fd, const TnefMessageView& view, TnefBodyKind want, TnefByteSink sink);
 
 #pragma GCC visibility pop

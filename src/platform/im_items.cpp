@@ -135,7 +135,7 @@ int im_CrNewTempItem(ItemRef* ref) { return im_CrNewTempItem(nullptr, ref); }
 
 void im_UnlinkItem(const ItemRef& ref) {
     const std::string path = im_ItemRef2FName(ref);
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+    if (mdc_unlink(path.c_str()) != 0 && errno != ENOENT)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot remove " + path);
 }
 

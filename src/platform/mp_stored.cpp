@@ -42,11 +42,11 @@ ItemRef linkAsObject(const std::string& source) {
         const ItemRef kept{{IM_KIND_OBJECT, static_cast<uint32_t>(std::time(nullptr)),
                             store::processId(), store::randomWord()}};
         const std::string target = im_ItemRef2FName(kept);
-        if (::link(source.c_str(), target.c_str()) == 0) return kept;
+        if (mdc_link(source.c_str(), target.c_str()) == 0) return kept;
         // The objects folder is made with the first object a home keeps.
         if (errno == ENOENT) {
             os_MakeParentDirs(target);
-            if (::link(source.c_str(), target.c_str()) == 0) return kept;
+            if (mdc_link(source.c_str(), target.c_str()) == 0) return kept;
         }
         if (errno != EEXIST)
             store::raiseErrno(errno, kUnit, __LINE__, "cannot link " + source + " to " + target);

@@ -5,6 +5,7 @@
 #include <array>
 #include <string>
 
+#include "store_internal.h"
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/im_items.h"
 #include "tnef/platform/msg_store.h"
@@ -89,7 +90,8 @@ int16_t Msg_BuildReceived(const ReceivedMessage& received, int16_t* messageFile)
         TfFileOwner tf(tf_CreateFile());
         tf.discardItem();
         appendRecords(tf.get(), received);
-        Msg_Save(msg.get(), tf.get());
+        // Staged: the caller's Msg_Save after the decode publishes the message whole.
+        store::msgSave(msg.get(), tf.get(), false);
         tf_UnreadFile(tf.get());
         *messageFile = tf.release();
         return msg.release();

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "os_buffer.h"
@@ -14,9 +15,26 @@ namespace {
 constexpr const char* kUnit = "src/platform/os_file";
 
 int realOpen(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+int realRename(const char* from, const char* to, unsigned flags) {
+    return flags == 0 ? ::rename(from, to) : ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
+}
+int realSync(int fd, int dataOnly) { return dataOnly != 0 ? ::fdatasync(fd) : ::fsync(fd); }
 
-const OsSysCalls kRealCalls = {realOpen, ::read, ::write, ::lseek, ::close};
+const OsSysCalls kRealCalls = {realOpen, ::read,   ::write,  ::lseek,   ::close,
+                               ::link,   ::unlink, realRename, ::mkdir, ::rmdir,
+                               realSync, ::ftruncate};
 const OsSysCalls* g_calls = &kRealCalls;
+// A replacement table with its empty entries taken from the real one.
+OsSysCalls g_replaced{};
+
+template <typename Call>
+int retried(Call call) {
+    int result;
+    do {
+        result = call();
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
 
 [[noreturn]] void ioEscape(int err, int line, const std::string& what) {
     er_TracedEscapeText(ER_GROUP_IO, err, kUnit, line, what);
@@ -90,7 +108,51 @@ int64_t rawSeek(int fd, int64_t offset, int whence) {
 }  // namespace osio
 
 const OsSysCalls& os_GetSysCalls() { return *g_calls; }
-void os_SetSysCalls(const OsSysCalls* calls) { g_calls = calls != nullptr ? calls : &kRealCalls; }
+void os_SetSysCalls(const OsSysCalls* calls) {
+    if (calls == nullptr) {
+        g_calls = &kRealCalls;
+        return;
+    }
+    OsSysCalls t = *calls;
+    const OsSysCalls& r = kRealCalls;
+    if (t.open == nullptr) t.open = r.open;
+    if (t.read == nullptr) t.read = r.read;
+    if (t.write == nullptr) t.write = r.write;
+    if (t.lseek == nullptr) t.lseek = r.lseek;
+    if (t.close == nullptr) t.close = r.close;
+    if (t.link == nullptr) t.link = r.link;
+    if (t.unlink == nullptr) t.unlink = r.unlink;
+    if (t.rename == nullptr) t.rename = r.rename;
+    if (t.mkdir == nullptr) t.mkdir = r.mkdir;
+    if (t.rmdir == nullptr) t.rmdir = r.rmdir;
+    if (t.fsync == nullptr) t.fsync = r.fsync;
+    if (t.ftruncate == nullptr) t.ftruncate = r.ftruncate;
+    g_replaced = t;
+    g_calls = &g_replaced;
+}
+
+int mdc_link(const char* from, const char* to) {
+    return retried([&] { return g_calls->link(from, to); });
+}
+int mdc_unlink(const char* path) {
+    return retried([&] { return g_calls->unlink(path); });
+}
+int mdc_rename(const char* from, const char* to, unsigned flags) {
+    return retried([&] { return g_calls->rename(from, to, flags); });
+}
+int mdc_mkdir(const char* path, int mode) {
+    return retried([&] { return g_calls->mkdir(path, static_cast<mode_t>(mode)); });
+}
+int mdc_rmdir(const char* path) {
+    return retried([&] { return g_calls->rmdir(path); });
+}
+int mdc_fsync(int fd, int dataOnly) {
+    const int result = retried([&] { return g_calls->fsync(fd, dataOnly); });
+    return result != 0 && errno == EINVAL ? 0 : result;
+}
+int mdc_ftruncate(int fd, int64_t size) {
+    return retried([&] { return g_calls->ftruncate(fd, static_cast<off_t>(size)); });
+}
 
 int os_open(const char* path, int flags, int mode) {
     std::string resolved = os_ResolvePath(path);

@@ -37,13 +37,13 @@ namespace {
 // Creates dir, and its missing parents first. A home in use has its folders: trying the
 // deepest first costs one call then, not one per level.
 void makeDir(const std::string& dir) {
-    if (::mkdir(dir.c_str(), 0770) == 0 || errno == EEXIST) return;
+    if (mdc_mkdir(dir.c_str(), 0770) == 0 || errno == EEXIST) return;
     const std::string::size_type slash = dir.rfind('/');
     if (errno != ENOENT || slash == 0 || slash == std::string::npos)
         er_TracedEscapeText(ER_GROUP_IO, errno, "src/platform/os_home", __LINE__,
                             "cannot create folder " + dir);
     makeDir(dir.substr(0, slash));
-    if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST)
+    if (mdc_mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST)
         er_TracedEscapeText(ER_GROUP_IO, errno, "src/platform/os_home", __LINE__,
                             "cannot create folder " + dir);
 }

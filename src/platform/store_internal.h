@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/im_items.h"
@@ -116,6 +117,14 @@ struct MsgFile {
 // The open message file behind a handle, with every appended record in the file; raises
 // 103/2 for a handle that is not open.
 MsgFile& tfLookup(int16_t handle);
+// The items a message file's records name: stored objects (19000) and property texts kept
+// apart (19510, 19610), of kinds 1 and 3. Stops quietly at the first damaged record.
+std::vector<ItemRef> namedItems(const std::string& bytes);
+
+// Msg_Save's work; publishIt false writes a staged message's file and leaves it staged
+// (the received-message builder: the decode that follows publishes it).
+void msgSave(int16_t msg, int16_t tf, bool publishIt);
+
 // Cuts the file back to size (undoing appends that must not stay half done).
 void tfTruncate(MsgFile& file, int64_t size);
 // The current size of the file.

@@ -84,7 +84,7 @@ bool cutBackQuietly(int fd, int64_t size) {
         os_SyncFd(fd);
     } catch (const Escape&) {
     }
-    return ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+    return mdc_ftruncate(fd, size) == 0;
 }
 
 // Appended records wait while a batch is open, up to this many bytes: a decode appends a
@@ -140,7 +140,7 @@ int64_t tfSize(MsgFile& file) { return os_lseek64(file.fd.get(), 0, SEEK_END); }
 
 void tfTruncate(MsgFile& file, int64_t size) {
     os_SyncFd(file.fd.get());
-    if (::ftruncate(file.fd.get(), static_cast<off_t>(size)) != 0)
+    if (mdc_ftruncate(file.fd.get(), size) != 0)
         raiseErrno(errno, kUnit, __LINE__, "cannot cut back " + file.path);
 }
 
@@ -254,7 +254,7 @@ void tf_FlushFile(int16_t tf) {
     store::MsgFile& file = store::tfLookup(tf);
     if (file.readOnly) return;
     os_SyncFd(file.fd.get());
-    if (::fdatasync(file.fd.get()) != 0 && errno != EINVAL)
+    if (mdc_fsync(file.fd.get(), 1) != 0)
         store::raiseErrno(errno, kUnit, __LINE__, "cannot flush " + file.path);
 }
 
@@ -285,7 +285,7 @@ void tf_WrapRecord(const TFREC* record, TFREC* wrapped) {
     if (wrapped != record) std::memcpy(wrapped->bytes, record->bytes, sizeof record->bytes);
     uint32_t length = tf_GetLength(wrapped);
     if (length < TF_RECORD_HEADER) length = TF_RECORD_HEADER;
-    // 4080 is a multiple of 4, so rounding up never passes it.
+    // The capacity is a multiple of 4, so rounding up never passes it.
     const uint32_t padded = length > TF_RECORD_MAX ? TF_RECORD_MAX : (length + 3) & ~3u;
     std::memset(wrapped->bytes + length, 0, padded > length ? padded - length : 0);
     store::putLe32(wrapped->bytes, padded);

@@ -139,6 +139,8 @@ TEST(Messages, OpenOnlyWellFormedIdsAndDeleteLeavesItemsLinkedElsewhere) {
         MsgOwner a(Msg_Create());
         id = Msg_GetId(a.get());
         Msg_AttachFile(a.get(), item);
+        TfFileOwner own(Msg_OpenFile(a.get()));
+        Msg_Save(a.get(), own.get());
     }
     EXPECT_EQ(Msg_List(), std::vector<std::string>{id});
     Msg_Delete(Msg_Open(id.c_str()));

@@ -31,7 +31,7 @@ std::string le32(uint32_t v) { return std::string{char(v), char(v >> 8), char(v 
 TEST(MessageFile, RecordsReadBackInOrderAfterCloseAndReopen) {
     TestHome home;
     // Header only, the largest record, an odd length, a type the store does not know.
-    const std::vector<TFREC> written = {makeRecord(1100, 8, 0), makeRecord(11100, 4080, 0x5A),
+    const std::vector<TFREC> written = {makeRecord(1100, 8, 0), makeRecord(11100, TF_RECORD_MAX, 0x5A),
                                         makeRecord(30500, 37, 0xFF), makeRecord(99999, 16, 1)};
     ItemRef ref;
     {
@@ -39,7 +39,7 @@ TEST(MessageFile, RecordsReadBackInOrderAfterCloseAndReopen) {
         for (const TFREC& r : written) tf_AppendRecord(tf.get(), &r);
         tf_GetRef(tf.get(), &ref);
     }
-    EXPECT_EQ(readFileBytes(im_ItemRef2FName(ref)).size(), 8u + 4080 + 37 + 16);
+    EXPECT_EQ(readFileBytes(im_ItemRef2FName(ref)).size(), 8u + TF_RECORD_MAX + 37 + 16);
     TfFileOwner tf(tf_OpenFile(ref, TF_OPEN_READONLY));
     TFREC r;
     std::memset(r.bytes, 0xEE, sizeof r.bytes);
@@ -115,7 +115,7 @@ TEST(MessageFile, DamagedFilesEscapeNamingTheFileAfterTheGoodRecords) {
         good + std::string("\x10\x00\x00", 3),                    // header cut short
         good + le32(7) + le32(1100),                               // length below the header
         good + le32(0) + le32(1100),                               // length zero
-        good + le32(4081) + le32(1100) + std::string(4073, 'x'),  // length past 4080
+        good + le32(TF_RECORD_MAX + 1) + le32(1100) + std::string(TF_RECORD_MAX - 7, 'x'),  // too long
         good + le32(40) + le32(1100) + "abc",                      // body cut short
     };
     for (const std::string& bytes : damaged) {
@@ -157,7 +157,7 @@ TEST(MessageFile, ClosedHandlesAreRefusedAndOwnersLeakNothingWhenAnEscapePasses)
         TfFileOwner tf(tf_CreateFile());
         tf.discardItem();
         tf_GetRef(tf.get(), &discarded);
-        tf_PutINT32(&r, 5000, 1);
+        tf_PutINT32(&r, TF_RECORD_MAX, 1);
     });
     EXPECT_EQ(tf_OpenHandleCount(), 0);
     EXPECT_EQ(openFdCount(), fds);

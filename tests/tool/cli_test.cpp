@@ -11,8 +11,8 @@
 
 namespace {
 
-const std::vector<std::string> kCommands = {"list",    "extract",   "decode", "show",
-                                            "getprop", "writeblob", "scan",   "encode"};
+const std::vector<std::string> kCommands = {"list",   "extract", "decode", "show", "getprop", "writeblob",
+                                            "scan",   "encode",  "props",  "body", "rtf"};
 
 void expectOneLineError(const ToolRun& r, const std::string& start) {
     EXPECT_EQ(r.status, 2) << r.err;
@@ -29,7 +29,7 @@ TEST(ToolCli, EveryCommandHasHelp) {
         SCOPED_TRACE(command);
         const ToolRun r = runTool({command, "--help"}, home.path());
         EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out.rfind("usage: tnef " + command, 0), 0u) << r.out;
+        EXPECT_EQ(r.out.rfind("usage: tnefx " + command, 0), 0u) << r.out;
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(runTool({"help", command}, home.path()).out, r.out);
     }
@@ -37,25 +37,25 @@ TEST(ToolCli, EveryCommandHasHelp) {
     EXPECT_EQ(general.status, 0);
     for (const std::string& command : kCommands)
         EXPECT_NE(general.out.find("  " + command), std::string::npos);
-    EXPECT_EQ(runTool({"--version"}, home.path()).out.rfind("tnef ", 0), 0u);
+    EXPECT_EQ(runTool({"--version"}, home.path()).out.rfind("tnefx ", 0), 0u);
 }
 
 TEST(ToolCli, BadCommandLinesGetOneLineAndStatus2) {
     TestHome home;
-    expectOneLineError(runTool({"frobnicate"}, home.path()), "tnef: unknown command 'frobnicate'");
+    expectOneLineError(runTool({"frobnicate"}, home.path()), "tnefx: unknown command 'frobnicate'");
     expectOneLineError(runTool({"list", "--frob", "x"}, home.path()),
-                       "tnef: list: unknown option '--frob'");
+                       "tnefx: list: unknown option '--frob'");
     expectOneLineError(runTool({"extract", "-C"}, home.path()),
-                       "tnef: extract: option '-C' needs a value");
+                       "tnefx: extract: option '-C' needs a value");
     expectOneLineError(runTool({"--set", "NOVALUE", "list", "x"}, home.path()),
-                       "tnef: --set wants NAME=VALUE");
-    expectOneLineError(runTool({"list"}, home.path()), "tnef: list: no FILE given");
+                       "tnefx: --set wants NAME=VALUE");
+    expectOneLineError(runTool({"list"}, home.path()), "tnefx: list: no FILE given");
     expectOneLineError(runTool({"show", "../../etc"}, home.path()),
-                       "tnef: show: 'etc' is not a message id");
-    expectOneLineError(runTool({"writeblob"}, home.path()), "tnef: writeblob: no output file");
+                       "tnefx: show: 'etc' is not a message id");
+    expectOneLineError(runTool({"writeblob"}, home.path()), "tnefx: writeblob: no output file");
     const ToolRun bare = runTool({}, home.path());
     EXPECT_EQ(bare.status, 2);
-    EXPECT_NE(bare.err.find("usage: tnef"), std::string::npos);
+    EXPECT_NE(bare.err.find("usage: tnefx"), std::string::npos);
 }
 
 // Each command that reads a TNEF file names the file and what is wrong with it.
@@ -76,15 +76,15 @@ TEST(ToolCli, BadInputFilesAreNamedWithTheirFault) {
             args.insert(args.end(), extra.begin(), extra.end());
             return runTool(args, home.path());
         };
-        expectOneLineError(run(missing), "tnef: " + missing + ": No such file or directory");
-        expectOneLineError(run(plain), "tnef: " + plain + ": not a TNEF stream (escape 102/1531)");
-        expectOneLineError(run(empty), "tnef: " + empty + ": not a TNEF stream (escape 102/1531)");
-        expectOneLineError(run(home.path()), "tnef: " + home.path() + ": Is a directory");
+        expectOneLineError(run(missing), "tnefx: " + missing + ": No such file or directory");
+        expectOneLineError(run(plain), "tnefx: " + plain + ": not a TNEF stream (escape 102/1531)");
+        expectOneLineError(run(empty), "tnefx: " + empty + ": not a TNEF stream (escape 102/1531)");
+        expectOneLineError(run(home.path()), "tnefx: " + home.path() + ": Is a directory");
     }
 }
 
 TEST(ToolCli, ShowOfAnUnknownMessageSaysSo) {
     TestHome home;
     expectOneLineError(runTool({"--home", home.path(), "show", "0123456789abcdef"}, home.path()),
-                       "tnef: 0123456789abcdef: no such message in the store under " + home.path());
+                       "tnefx: 0123456789abcdef: no such message in the store under " + home.path());
 }

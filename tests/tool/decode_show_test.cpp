@@ -64,7 +64,7 @@ TEST(ToolDecode, FailureLeavesNoMessageBehind) {
     home.write("bad.dat", "not TNEF at all");
     const ToolRun r = runTool({"--home", home.path(), "decode", home.file("bad.dat")}, home.path());
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "tnef: " + home.file("bad.dat") + ": not a TNEF stream (escape 102/1531)\n");
+    EXPECT_EQ(r.err, "tnefx: " + home.file("bad.dat") + ": not a TNEF stream (escape 102/1531)\n");
     EXPECT_TRUE(!fs::exists(home.file("store/messages")) ||
                 fs::is_empty(home.file("store/messages")));
 }
@@ -136,6 +136,6 @@ TEST(ToolEncode, WritesTheDecodedMessageBackAsTnef) {
         runTool({"--home", home.path(), "encode", id, "-o", home.file("none/x.tnef")}, home.path());
     EXPECT_EQ(missingFolder.status, 2);
     EXPECT_EQ(missingFolder.err,
-              "tnef: " + home.file("none/x.tnef") + ": No such file or directory\n");
+              "tnefx: " + home.file("none/x.tnef") + ": No such file or directory\n");
     EXPECT_FALSE(fs::exists(home.file("none")));
 }

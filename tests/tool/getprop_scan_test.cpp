@@ -74,7 +74,7 @@ TEST(ToolWriteblob, BadTextFilesAreErrors) {
     const ToolRun missing = runTool(
         {"writeblob", "-o", home.file("o.tnef"), "--props", home.file("none.txt")}, home.path());
     EXPECT_EQ(missing.status, 2);
-    EXPECT_EQ(missing.err, "tnef: " + home.file("none.txt") + ": No such file or directory\n");
+    EXPECT_EQ(missing.err, "tnefx: " + home.file("none.txt") + ": No such file or directory\n");
     home.write("nul.txt", std::string("37001e\x1dS\0x", 10));
     EXPECT_EQ(runTool({"writeblob", "-o", home.file("o.tnef"), "--props", home.file("nul.txt")},
                       home.path())

@@ -247,5 +247,5 @@ TEST(ToolExtract, UnwritableFolderIsOneError) {
     const ToolRun r =
         runTool({"extract", home.file("one.tnef"), "-C", home.file("file/sub")}, home.path());
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "tnef: " + home.file("file/sub") + ": Not a directory\n");
+    EXPECT_EQ(r.err, "tnefx: " + home.file("file/sub") + ": Not a directory\n");
 }

@@ -80,20 +80,39 @@ TEST(ToolGetprop, TakesPublishedNamesAndRefusesWhatIsNoRequest) {
 }
 
 // One byte altered inside a record's data: its checksum no longer holds. A forensic reader
-// wants to hear of it; the listing still gives everything.
-TEST(ToolList, WarnsOfABadChecksumAndGoesOn) {
+// wants to hear of it from every command; the command still gives everything, unless
+// --strict stops it before it writes a byte.
+TEST(ToolWarnings, BadChecksumWarnsEverywhereAndStrictStopsFirst) {
     TestHome home;
     std::string bytes = readFileBytes(samplePath());
     const size_t at = bytes.find("Quarterly report");
     ASSERT_NE(at, std::string::npos);
     bytes[at] = 'q';
     home.write("altered.dat", bytes);
-    const ToolRun run = runTool({"list", home.file("altered.dat")}, home.path());
-    EXPECT_EQ(run.status, 0);
-    EXPECT_NE(run.err.find("warning: a record's checksum is wrong"), std::string::npos) << run.err;
-    EXPECT_EQ(lineCount(run.out), 2u);
-    const Json j = Json::parse(runTool({"--json", "list", home.file("altered.dat")}, home.path()).out);
+    const std::string file = home.file("altered.dat");
+    const std::string out = home.file("out");
+    const std::vector<std::vector<std::string>> commands = {
+        {"list", file}, {"props", file}, {"body", file}, {"getprop", file},
+        {"scan", file}, {"extract", file, "-C", out}, {"extract", file, "--stdout", "--index", "2"}};
+    for (const auto& command : commands) {
+        SCOPED_TRACE(command[0] + " " + command.back());
+        const ToolRun run = runTool(command, home.path());
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.err.find("warning: a record's checksum is wrong"), std::string::npos) << run.err;
+        EXPECT_FALSE(run.out.empty());
+        std::vector<std::string> strict = {"--strict"};
+        strict.insert(strict.end(), command.begin(), command.end());
+        std::filesystem::remove_all(out);
+        const ToolRun stopped = runTool(strict, home.path());
+        EXPECT_EQ(stopped.status, 2);
+        EXPECT_EQ(stopped.out, "");
+        EXPECT_NE(stopped.err.find("--strict: stopped on 1 warning"), std::string::npos) << stopped.err;
+        EXPECT_FALSE(std::filesystem::exists(out));
+    }
+    const Json j = Json::parse(runTool({"--json", "list", file}, home.path()).out);
     EXPECT_EQ(j["files"][0]["warnings"][0], "a record's checksum is wrong");
+    // The unaltered file passes --strict.
+    EXPECT_EQ(runTool({"--strict", "list", samplePath()}, home.path()).status, 0);
 }
 
 TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
@@ -105,6 +124,20 @@ TEST(ToolBody, BodiesOutOfMessagesAndCompressedRtf) {
     const ToolRun extract = runTool({"extract", "--body", samplePath(), "-C", home.file("out")}, home.path());
     EXPECT_EQ(extract.status, 0) << extract.err;
     EXPECT_EQ(readFileBytes(home.file("out/message.txt")), body.out);
+    // list names the bodies first, as extract --body lists what it wrote.
+    EXPECT_NE(runTool({"list", samplePath()}, home.path()).out.find("   0  body            50  text/plain"),
+              std::string::npos);
+    const Json listed = Json::parse(runTool({"--json", "list", samplePath()}, home.path()).out);
+    EXPECT_EQ(listed["files"][0]["bodies"], Json::parse(R"([{"kind":"text","source":"PR_BODY","size":50}])"));
+
+    // Embedded messages' bodies are written beside the message's, numbered.
+    if (!corpusDir().empty()) {
+        const ToolRun nested = runTool({"extract", "--body", corpusDir() + "/files/mimekit__UnitTests__TestData__tnef__christmas.tnef",
+                                        "-C", home.file("nested")},
+                                       home.path());
+        EXPECT_NE(nested.out.find("nested/message-2.rtf"), std::string::npos) << nested.out;
+        EXPECT_NE(nested.out.find("nested/message-3.txt"), std::string::npos) << nested.out;
+    }
 
     home.write("value.bin", tnef_CompressRtf("{\\rtf1\\ansi\\fromtext caf\\'e9\\par}"));
     const ToolRun rtf = runTool({"rtf", home.file("value.bin"), "--format", "text"}, home.path());
@@ -126,6 +159,15 @@ TEST(ToolStdin, EveryReadingCommandTakesAPipe) {
         EXPECT_FALSE(piped.out.empty()) << command;
     }
     EXPECT_EQ(runProgram("/bin/sh", {"-c", "printf 'MZ' | '" + tool + "' list -"}, home.path()).status, 2);
+    // extract --stdout: one attachment, from a pipe to a pipe, byte for byte.
+    const ToolRun one = runProgram(
+        "/bin/sh", {"-c", "cat '" + samplePath() + "' | '" + tool + "' extract - --stdout --index 1 | cat"}, home.path());
+    EXPECT_EQ(one.status, 0) << one.err;
+    ASSERT_EQ(runTool({"extract", samplePath(), "-C", home.file("x")}, home.path()).status, 0);
+    EXPECT_EQ(one.out, readFileBytes(home.file("x/quarterly report.txt")));
+    const ToolRun ambiguous = runTool({"extract", samplePath(), "--stdout"}, home.path());
+    EXPECT_EQ(ambiguous.status, 2);
+    EXPECT_NE(ambiguous.err.find("2 attachments; choose one with --index"), std::string::npos);
 }
 
 // A report that cannot be written is one line on stderr and status 2; --json failing
@@ -137,7 +179,7 @@ TEST(ToolOutput, ClosedOrFullStdoutAndJsonOnFailure) {
         const ToolRun list = runProgram("/bin/sh", {"-c", "'" + tool + "' list '" + samplePath() + "' " + redirect},
                                         home.path());
         EXPECT_EQ(list.status, 2) << redirect;
-        EXPECT_NE(list.err.find("tnef: standard output: "), std::string::npos) << list.err;
+        EXPECT_NE(list.err.find("tnefx: standard output: "), std::string::npos) << list.err;
     }
     const ToolRun decode = runProgram(
         "/bin/sh", {"-c", "'" + tool + "' --home '" + home.path() + "' decode '" + samplePath() + "' >/dev/full"},
@@ -177,4 +219,19 @@ TEST(ToolProps, AgreesWithGetpropOverTheCorpus) {
         }
     }
     EXPECT_GT(compared, 200u);
+}
+
+// extract of many files shows its progress on a terminal only, and not with --quiet.
+TEST(ToolProgress, OnlyOnATerminalAndNotWhenQuiet) {
+    TestHome home;
+    const std::string tool = TNEF_TOOL_PATH;
+    auto onTerminal = [&](const std::string& options, const std::string& dir) {
+        const std::string command = "'" + tool + "' " + options + " extract '" + samplePath() + "' '" +
+                                    samplePath() + "' -C '" + home.file(dir) + "'";
+        return runProgram("/usr/bin/script", {"-qec", command, "/dev/null"}, home.path());
+    };
+    EXPECT_NE(onTerminal("", "a").out.find("2/2 files"), std::string::npos);
+    EXPECT_EQ(onTerminal("--quiet", "b").out.find("files,"), std::string::npos);
+    const ToolRun piped = runTool({"extract", samplePath(), samplePath(), "-C", home.file("c")}, home.path());
+    EXPECT_EQ(piped.err, "");
 }

@@ -16,31 +16,9 @@
 
 namespace {
 
-constexpr const char* kCalendarHelp =
-    "usage: tnef calendar FILE [-o OUT.ics]\n"
-    "\n"
-    "Writes the meeting request, cancellation or reply, appointment or task of a TNEF file\n"
-    "(or of the first embedded message that is one) as iCalendar: times in the sender's time\n"
-    "zone, the series and its changed instances, organizer and attendees by address. Exit\n"
-    "status 1 when the message is none of these.\n"
-    "\n"
-    "With --json: "
-    "{\"file\",\"method\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"};\n"
-    "the calendar goes to OUT (required with --json).\n";
-
-constexpr const char* kContactHelp =
-    "usage: tnef contact FILE [-o OUT.vcf]\n"
-    "\n"
-    "Writes the contact or distribution list of a TNEF file (or of the first embedded\n"
-    "message that is one) as a vCard 4.0. Exit status 1 when the message is neither.\n"
-    "\n"
-    "With --json: {\"file\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"}; the card\n"
-    "goes to OUT (required with --json).\n";
-
 constexpr FlagText kConvertWarnings[] = {
     {TNEF_CONVERT_BAD_RECURRENCE, "the recurrence pattern cannot be read: the series is left out"},
-    {TNEF_CONVERT_EXCEPTIONS_CUT,
-     "the recurrence pattern holds fewer changed instances than it announces"},
+    {TNEF_CONVERT_EXCEPTIONS_CUT, "the recurrence pattern holds fewer changed instances than it announces"},
     {TNEF_CONVERT_BAD_TIMEZONE, "the time zone cannot be read: times are given in UTC"},
     {TNEF_CONVERT_NO_ORGANIZER, "no address for the organizer"},
     {TNEF_CONVERT_NO_ADDRESS, "a person without an e-mail address is left out"},
@@ -72,12 +50,7 @@ void collect(int fd, const TnefMessageView& view, std::vector<ConvertedFile>* ou
     for (const TnefMessageView& inner : view.embedded) collect(fd, inner, out);
 }
 
-int convert(const GlobalOptions& g, const std::vector<std::string>& args, const char* command,
-            const char* help, TnefConvertKind kind) {
-    ParsedArgs p;
-    if (!parseArgs(command, args, {{"-o", true}}, &p)) return kExitError;
-    if (p.help) return printHelp(help);
-    if (p.operands.size() != 1) return usageError(command, "one FILE is needed");
+int convert(const GlobalOptions& g, const ParsedArgs& p, const char* command, TnefConvertKind kind) {
     if (g.json && !p.has("-o")) return usageError(command, std::string("--json needs -o OUT"));
     const std::string& file = p.operands[0];
     const int fd = openInput(file);
@@ -92,8 +65,7 @@ int convert(const GlobalOptions& g, const std::vector<std::string>& args, const 
         ::close(fd);
     } catch (const Escape& e) {
         ::close(fd);
-        if (g.json)
-            writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
+        if (g.json) writeOut(nlohmann::json({{"file", file}, {"error", escapeLine(e)}}).dump() + "\n");
         reportEscape(file, e);
         return kExitError;
     }
@@ -105,13 +77,14 @@ int convert(const GlobalOptions& g, const std::vector<std::string>& args, const 
             writeOut(nlohmann::json({{"file", file}, {"component", nullptr}}).dump() + "\n");
         return kExitNotFound;
     }
-    const std::vector<std::string> warnings = flagTexts(c.flags, kConvertWarnings);
-    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    std::vector<std::string> warnings = readWarnings(view.flags);
+    for (std::string& w : flagTexts(c.flags, kConvertWarnings)) warnings.push_back(std::move(w));
+    if (!passWarnings(g, file, warnings)) return kExitError;
     const bool toFile = p.has("-o");
     if (toFile && !writeWholeFile(p.get("-o"), c.text)) return kExitError;
     if (!g.json) return toFile || writeOut(c.text) ? kExitOk : kExitError;
-    nlohmann::json report = {{"file", file},          {"component", c.component},
-                             {"depth", item->depth},  {"bytes", c.text.size()},
+    nlohmann::json report = {{"file", file},       {"component", c.component},
+                             {"depth", item->depth}, {"bytes", c.text.size()},
                              {"output", p.get("-o")}, {"warnings", warnings}};
     if (kind == TNEF_CONVERT_ICALENDAR) report["method"] = c.method;
     return writeOut(report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n")
@@ -129,10 +102,44 @@ std::vector<ConvertedFile> tool_ConvertedFiles(int fd) {
     return out;
 }
 
-int cmdCalendar(const GlobalOptions& g, const std::vector<std::string>& args) {
-    return convert(g, args, "calendar", kCalendarHelp, TNEF_CONVERT_ICALENDAR);
+namespace {
+
+int cmdCalendar(const GlobalOptions& g, const ParsedArgs& p) {
+    return convert(g, p, "calendar", TNEF_CONVERT_ICALENDAR);
 }
 
-int cmdContact(const GlobalOptions& g, const std::vector<std::string>& args) {
-    return convert(g, args, "contact", kContactHelp, TNEF_CONVERT_VCARD);
+int cmdContact(const GlobalOptions& g, const ParsedArgs& p) {
+    return convert(g, p, "contact", TNEF_CONVERT_VCARD);
 }
+
+}  // namespace
+
+const CommandSpec kCalendarCommand = {
+    "calendar", "FILE", 1, 1,
+    "a meeting, appointment or task as iCalendar (.ics)",
+    "Writes the meeting request, cancellation or reply, appointment or task of a TNEF file (or\n"
+    "of the first embedded message that is one) as iCalendar: times in the sender's time zone,\n"
+    "the series and its changed instances, organizer and attendees by address. Exit status 1 when\n"
+    "the message is none of these.\n"
+    "\n"
+    "With --json: {\"file\",\"method\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"}; the calendar\n"
+    "goes to OUT (required with --json).",
+    {
+        {"-o", "OUT.ics", "write the calendar to OUT instead of standard output"},
+    },
+    cmdCalendar,
+};
+
+const CommandSpec kContactCommand = {
+    "contact", "FILE", 1, 1,
+    "a contact or distribution list as vCard (.vcf)",
+    "Writes the contact or distribution list of a TNEF file (or of the first embedded message\n"
+    "that is one) as a vCard 4.0. Exit status 1 when the message is neither.\n"
+    "\n"
+    "With --json: {\"file\",\"component\",\"depth\",\"bytes\",\"output\",\"warnings\"}; the card goes to OUT\n"
+    "(required with --json).",
+    {
+        {"-o", "OUT.vcf", "write the card to OUT instead of standard output"},
+    },
+    cmdContact,
+};

@@ -18,23 +18,6 @@
 
 namespace {
 
-constexpr const char* kDecodeHelp =
-    "usage: tnef decode FILE [--suppress-mapi] [--update-addresses]\n"
-    "\n"
-    "Builds a received message around FILE in the store (under the server home), decodes\n"
-    "the TNEF file into it and saves it, then reports the message: its id, subject, class,\n"
-    "priority, importance, sensitivity, receipt request, reply request, and each part the\n"
-    "decode added (attachments, and the bodies of embedded messages) with its size and\n"
-    "where the store keeps it. 'tnef show ID' shows the message again.\n"
-    "\n"
-    "  --suppress-mapi      store no object file and no property texts with the message\n"
-    "  --update-addresses   rewrite addresses of the local mail node to the local form\n"
-    "\n"
-    "With --json: {\"message\",\"folder\",\"subject\",\"class\",\"priority\",\"importance\",\n"
-    "\"sensitivity\",\"embedded_messages\":[{\"subject\",\"depth\"}],\"receipt\",\n"
-    "\"receipt_code\",\"reply_requested\",\"attachments\":[{\"part\",\"type\",\"name\",\"size\",\n"
-    "\"depth\",\"path\"}]}.\n";
-
 // The first two parts of a received message are its body and the TNEF file itself.
 constexpr uint32_t kFirstAttachmentPart = 3;
 constexpr uint16_t kReceiptDelivery = 4;
@@ -53,7 +36,39 @@ struct DecodeResult {
     StoredSummary summary;
     uint16_t receipt = 0;
     uint32_t replyRequested = 0;
+    TnefDecodeReport report{};
 };
+
+// "1 attachment" / "2 attachments".
+std::string attachments(uint32_t n) {
+    return std::to_string(n) + (n == 1 ? " attachment" : " attachments");
+}
+
+// What the library counted as not stored, in words.
+std::vector<std::string> warningsOf(const TnefDecodeReport& r) {
+    std::vector<std::string> w;
+    if (r.dataWithoutProperties != 0)
+        w.push_back(attachments(r.dataWithoutProperties) +
+                    " with data but no attAttachment record: their data was not stored "
+                    "(extract writes it)");
+    if (r.propertiesWithoutData != 0)
+        w.push_back(attachments(r.propertiesWithoutData) +
+                    " with properties but no attAttachData record: no part stored (their "
+                    "properties stay in the object file)");
+    if (r.keptInObjectFile != 0)
+        w.push_back(attachments(r.keptInObjectFile) +
+                    " kept whole in the object file only (OLE objects, or data before any "
+                    "rendering record), not as parts");
+    if (r.embeddedCutShort != 0)
+        w.push_back(std::to_string(r.embeddedCutShort) +
+                    " embedded message(s) end inside a record; the rest of each was not decoded");
+    if (r.cutAt >= 0)
+        w.push_back("the stream ends inside a record: the last " + std::to_string(r.bytesNotDecoded) +
+                    " bytes, from offset " + std::to_string(r.cutAt) + ", were not decoded");
+    // The 6-byte header and one record of 11 bytes without data.
+    if (r.fileBytes < 17) w.push_back("the file is too short to hold a TNEF record");
+    return w;
+}
 
 // Builds, decodes and saves; on an escape the half-built message is removed again.
 DecodeResult decodeIntoStore(const std::string& path, const std::string& name, uint32_t addressUpdate,
@@ -69,6 +84,7 @@ DecodeResult decodeIntoStore(const std::string& path, const std::string& name, u
     try {
         tnef_Decode(message.get(), &messageFile, path.c_str(), &result.receipt,
                     &result.replyRequested, addressUpdate, suppress);
+        tnef_GetDecodeReport(&result.report);
         TfFileOwner decodedFile(messageFile);
         decodedFile.discardItem();  // Msg_Save copies it into the message
         Msg_Save(message.get(), decodedFile.get());
@@ -104,14 +120,7 @@ int reported(const DecodeResult& r, bool written) {
     return kExitError;
 }
 
-}  // namespace
-
-int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("decode", args, {{"--suppress-mapi", false}, {"--update-addresses", false}}, &p))
-        return kExitError;
-    if (p.help) return printHelp(kDecodeHelp);
-    if (p.operands.size() != 1) return usageError("decode", "one FILE wanted");
+int cmdDecode(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string& path = p.operands.front();
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
@@ -127,6 +136,8 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
         return kExitError;
     }
     ::close(fd);
+    const std::vector<std::string> warnings = warningsOf(r.report);
+    for (const std::string& w : warnings) reportError(path, "warning: " + w);
     if (!g.json) return reported(r, writeOut(renderDecode(r)));
     JsonWriter j;
     j.beginObject();
@@ -136,6 +147,30 @@ int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args) {
         .field("reply_requested", r.replyRequested != 0);
     j.key("attachments");
     jsonParts(j, r.summary.parts, kFirstAttachmentPart);
+    j.key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
+    j.endArray();
     j.endObject();
     return reported(r, writeOut(j.text()));
 }
+
+}  // namespace
+
+const CommandSpec kDecodeCommand = {
+    "decode", "FILE", 1, 1,
+    "decode a TNEF file into a new message of the store",
+    "Builds a received message around FILE in the store (under the server home), decodes the\n"
+    "TNEF file into it and saves it, then reports the message: its id, subject, class, priority,\n"
+    "importance, sensitivity, receipt request, reply request, and each part the decode added\n"
+    "(attachments, and the bodies of embedded messages) with its size and where the store keeps\n"
+    "it. 'tnefx show ID' shows the message again.\n"
+    "\n"
+    "With --json: {\"message\",\"folder\",\"subject\",\"class\",\"priority\",\"importance\",\"sensitivity\",\n"
+    "\"embedded_messages\":[{\"subject\",\"depth\"}],\"receipt\",\"receipt_code\",\"reply_requested\",\n"
+    "\"attachments\":[{\"part\",\"type\",\"name\",\"size\",\"depth\",\"path\"}]}.",
+    {
+        {"--suppress-mapi", nullptr, "store no object file and no property texts with the message"},
+        {"--update-addresses", nullptr, "rewrite addresses of the local mail node to the local form"},
+    },
+    cmdDecode,
+};

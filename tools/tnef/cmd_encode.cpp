@@ -18,16 +18,6 @@
 
 namespace {
 
-constexpr const char* kEncodeHelp =
-    "usage: tnef encode MESSAGE -o OUT\n"
-    "\n"
-    "Writes the stored message MESSAGE (its id, or the path of its folder) as a TNEF\n"
-    "stream to OUT, from its message file, the object file and property texts stored with\n"
-    "it and its parts. When the message has nothing to send as TNEF (or the stream is to\n"
-    "be dropped), OUT is not kept and the report says so.\n"
-    "\n"
-    "With --json: {\"message\",\"output\",\"written\",\"result\",\"result_word\",\"size\"}.\n";
-
 struct Encoded {
     int result = 0;
     uint32_t resultWord = 0;
@@ -55,13 +45,7 @@ Encoded encodeTo(const std::string& id, const std::string& out) {
     return e;
 }
 
-}  // namespace
-
-int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("encode", args, {{"-o", true}}, &p)) return kExitError;
-    if (p.help) return printHelp(kEncodeHelp);
-    if (p.operands.size() != 1) return usageError("encode", "one MESSAGE wanted");
+int cmdEncode(const GlobalOptions& g, const ParsedArgs& p) {
     if (!p.has("-o")) return usageError("encode", "no output file (-o OUT)");
     const std::string id = messageId(p.operands.front());
     if (!isMessageId(id)) return usageError("encode", "'" + id + "' is not a message id");
@@ -102,3 +86,20 @@ int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args) {
                             std::to_string(e.resultWord) + "); " + out + " not kept\n";
     return writeOut(report) ? kExitOk : kExitError;
 }
+
+}  // namespace
+
+const CommandSpec kEncodeCommand = {
+    "encode", "MESSAGE", 1, 1,
+    "write a stored message as a TNEF file (-o OUT)",
+    "Writes the stored message MESSAGE (its id, or the path of its folder) as a TNEF stream to\n"
+    "OUT, from its message file, the object file and property texts stored with it and its\n"
+    "parts. When the message has nothing to send as TNEF (or the stream is to be dropped), OUT is\n"
+    "not kept and the report says so.\n"
+    "\n"
+    "With --json: {\"message\",\"output\",\"written\",\"result\",\"result_word\",\"size\"}.",
+    {
+        {"-o", "OUT", "the TNEF file to write"},
+    },
+    cmdEncode,
+};

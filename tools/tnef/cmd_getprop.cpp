@@ -22,37 +22,6 @@
 
 namespace {
 
-constexpr const char* kGetpropHelp =
-    "usage: tnef getprop FILE [REQUEST] [-o F] [--attach-out F] [--recips-out F]\n"
-    "\n"
-    "Reads MAPI properties of a TNEF file as property text. REQUEST is GET-ALL (the\n"
-    "default: every message property, with the attachment and recipient tables), a\n"
-    "property tag in hexadecimal (37001e) or by its published name (PR_SUBJECT), or\n"
-    "#TYPE/ID for a named property with a numeric name (#3/8205). Texts are printed one\n"
-    "entry per line (\"id = value | value\", bytes outside printable ASCII as \\xNN)\n"
-    "unless written byte for byte to a file:\n"
-    "\n"
-    "  -o F              the message properties\n"
-    "  --attach-out F    the attachment table\n"
-    "  --recips-out F    the recipient table\n"
-    "\n"
-    "Exit status 0 when the property was found (GET-ALL: when the message has\n"
-    "properties), 1 when not.\n"
-    "\n"
-    "With --json: {\"file\",\"request\",\"found\",\"properties\":[{\"id\",\"values\"}],\n"
-    "\"attachments\":[[entries]],\"recipients\":[[entries]]} (a text written to a file is\n"
-    "left out).\n";
-
-constexpr const char* kWriteblobHelp =
-    "usage: tnef writeblob -o OUT [--props F] [--attach F] [--recips F] [--saved TNEF]\n"
-    "\n"
-    "Writes a TNEF file OUT from property texts as getprop writes them (-o, --attach-out,\n"
-    "--recips-out): the message properties, the attachment table and the recipient table.\n"
-    "--saved names a TNEF file whose attachments are kept when no attachment table is\n"
-    "written (flag MAPIXML_WRITE_ATTACHTABLE false).\n"
-    "\n"
-    "With --json: {\"output\",\"size\"}.\n";
-
 struct FreeText {
     void operator()(char* text) const { std::free(text); }
 };
@@ -84,7 +53,7 @@ std::string renderGetprop(const ParsedArgs& p, const Texts& t) {
 }
 
 std::string jsonGetprop(const ParsedArgs& p, const std::string& request, int found,
-                        const Texts& t) {
+                        const Texts& t, const std::vector<std::string>& warnings) {
     JsonWriter j;
     j.beginObject()
         .field("file", p.operands[0])
@@ -102,7 +71,9 @@ std::string jsonGetprop(const ParsedArgs& p, const std::string& request, int fou
         j.key("recipients");
         jsonBlobText(j, viewOf(t.recips), true);
     }
-    j.endObject();
+    j.key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
+    j.endArray().endObject();
     return j.text();
 }
 
@@ -170,16 +141,7 @@ std::string libraryRequest(const std::string& request) {
     return hex;
 }
 
-}  // namespace
-
-int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("getprop", args, {{"-o", true}, {"--attach-out", true}, {"--recips-out", true}},
-                   &p))
-        return kExitError;
-    if (p.help) return printHelp(kGetpropHelp);
-    if (p.operands.empty() || p.operands.size() > 2)
-        return usageError("getprop", "FILE [REQUEST] wanted");
+int cmdGetprop(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string& path = p.operands[0];
     const std::string request = p.operands.size() > 1 ? p.operands[1] : "GET-ALL";
     const std::string asked = libraryRequest(request);
@@ -189,7 +151,8 @@ int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
                                          "a published property name");
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
-    if (!checkTnefSignature(fd, path)) {
+    std::vector<std::string> warnings;
+    if (!checkTnefSignature(fd, path) || !weighStream(g, fd, path, &warnings)) {
         ::close(fd);
         return kExitError;
     }
@@ -217,24 +180,12 @@ int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args) {
     if (!writeTextFile(p, "-o", t.props) || !writeTextFile(p, "--attach-out", t.attach) ||
         !writeTextFile(p, "--recips-out", t.recips))
         return kExitError;
-    const std::string out = g.json ? jsonGetprop(p, request, found, t) : renderGetprop(p, t);
+    const std::string out = g.json ? jsonGetprop(p, request, found, t, warnings) : renderGetprop(p, t);
     if (!writeOut(out)) return kExitError;
     return found == 1 ? kExitOk : kExitNotFound;
 }
 
-int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("writeblob", args,
-                   {{"-o", true},
-                    {"--props", true},
-                    {"--attach", true},
-                    {"--recips", true},
-                    {"--saved", true}},
-                   &p))
-        return kExitError;
-    if (p.help) return printHelp(kWriteblobHelp);
-    if (!p.operands.empty())
-        return usageError("writeblob", "unexpected operand '" + p.operands[0] + "'");
+int cmdWriteblob(const GlobalOptions& g, const ParsedArgs& p) {
     if (!p.has("-o")) return usageError("writeblob", "no output file (-o OUT)");
     BlobInputs in;
     if (!readOptionalText(p, "--props", &in.props) ||
@@ -257,3 +208,42 @@ int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args) {
     return writeOut("wrote " + out + " (" + std::to_string(size) + " bytes)\n") ? kExitOk
                                                                                 : kExitError;
 }
+
+}  // namespace
+
+const CommandSpec kGetpropCommand = {
+    "getprop", "FILE [REQUEST]", 1, 2,
+    "MAPI properties of a TNEF file as property text",
+    "Reads MAPI properties of a TNEF file as property text. REQUEST is GET-ALL (the default:\n"
+    "every message property, with the attachment and recipient tables), a property tag in\n"
+    "hexadecimal (37001e) or by its published name (PR_SUBJECT), or #TYPE/ID for a named property\n"
+    "with a numeric name (#3/8205). Texts are printed one entry per line (\"id = value | value\",\n"
+    "bytes outside printable ASCII as \\xNN) unless written byte for byte to a file. Exit status 0\n"
+    "when the property was found (GET-ALL: when the message has properties), 1 when not.\n"
+    "\n"
+    "With --json: {\"file\",\"request\",\"found\",\"properties\":[{\"id\",\"values\"}],\n"
+    "\"attachments\":[[entries]],\"recipients\":[[entries]]} (a text written to a file is left out).",
+    {
+        {"-o", "F", "write the message properties to F"},
+        {"--attach-out", "F", "write the attachment table to F"},
+        {"--recips-out", "F", "write the recipient table to F"},
+    },
+    cmdGetprop,
+};
+
+const CommandSpec kWriteblobCommand = {
+    "writeblob", "", 0, 0,
+    "a TNEF file from property texts",
+    "Writes a TNEF file OUT from property texts as getprop writes them (-o, --attach-out,\n"
+    "--recips-out): the message properties, the attachment table and the recipient table.\n"
+    "\n"
+    "With --json: {\"output\",\"size\"}.",
+    {
+        {"-o", "OUT", "the TNEF file to write"},
+        {"--props", "F", "the message properties"},
+        {"--attach", "F", "the attachment table"},
+        {"--recips", "F", "the recipient table"},
+        {"--saved", "TNEF", "a TNEF file whose attachments are kept when no attachment table is written (flag MAPIXML_WRITE_ATTACHTABLE false)"},
+    },
+    cmdWriteblob,
+};

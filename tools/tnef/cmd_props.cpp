@@ -13,32 +13,6 @@
 
 namespace {
 
-constexpr const char* kPropsHelp =
-    "usage: tnef props FILE [--attachments] [--recipients]\n"
-    "\n"
-    "Prints every MAPI property of the message, one per line:\n"
-    "  PR_SUBJECT (0x0037001F, PT_UNICODE) = \"Quarterly report\"\n"
-    "named properties as {PSETID_Appointment}/0x8205 PidLidBusyStatus, times in ISO 8601\n"
-    "UTC, binaries in hex (long ones cut, with their length).\n"
-    "\n"
-    "  --attachments     each attachment's properties too\n"
-    "  --recipients      each recipient's properties too\n"
-    "\n"
-    "With --json: {\"file\",\"properties\":[{\"tag\",\"name\",\"type\",\"set\",\"id\" or\n"
-    "\"string_id\",\"value\"}],\"attachments\":[[...]],\"recipients\":[[...]],\"warnings\":[...]}.\n";
-
-
-constexpr FlagText kDamage[] = {
-    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
-    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
-    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
-    {TNEF_READ_NO_RECORDS, "the file holds no record"},
-    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
-    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
-    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
-    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
-};
-
 nlohmann::json listJson(int fd, const std::vector<TnefPropEntry>& entries) {
     nlohmann::json list = nlohmann::json::array();
     for (const TnefPropEntry& e : entries) list.push_back(propJson(fd, e));
@@ -71,7 +45,8 @@ struct PropsRequest {
 
 int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMessageView& v,
            const PropsRequest& r) {
-    const std::vector<std::string> warnings = flagTexts(v.flags, kDamage);
+    const std::vector<std::string> warnings = readWarnings(v.flags);
+    if (!passWarnings(g, file, warnings)) return kExitError;
     if (g.json) {
         nlohmann::json j = {{"file", file}, {"properties", listJson(fd, v.properties)}};
         if (r.attachments) j["attachments"] = tablesJson(fd, v.attachmentProperties);
@@ -81,21 +56,13 @@ int report(const GlobalOptions& g, const std::string& file, int fd, const TnefMe
                    ? kExitOk
                    : kExitError;
     }
-    for (const std::string& w : warnings) reportError(file, "warning: " + w);
     std::string out = listText(fd, v.properties, "");
     if (r.recipients) out += tablesText(fd, "recipient", v.recipients);
     if (r.attachments) out += tablesText(fd, "attachment", v.attachmentProperties);
     return writeOut(out) ? kExitOk : kExitError;
 }
 
-}  // namespace
-
-int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs parsed;
-    if (!parseArgs("props", args, {{"--attachments", false}, {"--recipients", false}}, &parsed))
-        return kExitError;
-    if (parsed.help) return printHelp(kPropsHelp);
-    if (parsed.operands.size() != 1) return usageError("props", "one FILE is needed");
+int cmdProps(const GlobalOptions& g, const ParsedArgs& parsed) {
     const std::string& file = parsed.operands[0];
     const int fd = openInput(file);
     if (fd < 0) return kExitError;
@@ -113,3 +80,22 @@ int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args) {
     ::close(fd);
     return status;
 }
+
+}  // namespace
+
+const CommandSpec kPropsCommand = {
+    "props", "FILE", 1, 1,
+    "every MAPI property of a TNEF file, readable",
+    "Prints every MAPI property of the message, one per line:\n"
+    "  PR_SUBJECT (0x0037001F, PT_UNICODE) = \"Quarterly report\"\n"
+    "named properties as {PSETID_Appointment}/0x8205 PidLidBusyStatus, times in ISO 8601 UTC,\n"
+    "binaries in hex (long ones cut, with their length).\n"
+    "\n"
+    "With --json: {\"file\",\"properties\":[{\"tag\",\"name\",\"type\",\"set\",\"id\" or \"string_id\",\"value\"}],\n"
+    "\"attachments\":[[...]],\"recipients\":[[...]],\"warnings\":[...]}.",
+    {
+        {"--attachments", nullptr, "each attachment's properties too"},
+        {"--recipients", nullptr, "each recipient's properties too"},
+    },
+    cmdProps,
+};

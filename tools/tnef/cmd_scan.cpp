@@ -17,18 +17,6 @@
 
 namespace {
 
-constexpr const char* kScanHelp =
-    "usage: tnef scan FILE [--want TAG]\n"
-    "\n"
-    "Walks a TNEF file attribute by attribute as the encoder's scan does, printing a line\n"
-    "per attribute and property (the wanted one marked '*'), then the attachments found:\n"
-    "their long file name, file name and whether they carry data. TAG is an attribute id\n"
-    "or property tag in hexadecimal (0x0037001e or 37001e). Exit status 0 when TAG was\n"
-    "found (or none was asked for), 1 when not.\n"
-    "\n"
-    "With --json: {\"file\",\"want\",\"found\",\"log\":[lines],\"attachments\":[{\n"
-    "\"long_file_name\",\"file_name\",\"has_data\"}]}.\n";
-
 bool parseTag(const std::string& text, uint32_t* tag) {
     if (text.empty()) return false;
     char* end = nullptr;
@@ -86,7 +74,7 @@ bool runScan(int fd, const std::string& path, uint32_t wanted, bool collect, Sca
 }
 
 std::string jsonScan(const std::string& path, const ParsedArgs& p, uint32_t wanted,
-                     const ScanResult& r) {
+                     const ScanResult& r, const std::vector<std::string>& warnings) {
     JsonWriter j;
     j.beginObject().field("file", path);
     if (p.has("--want"))
@@ -108,6 +96,8 @@ std::string jsonScan(const std::string& path, const ParsedArgs& p, uint32_t want
             .field("file_name", a->fileName != nullptr ? a->fileName : "")
             .field("has_data", a->hasData != 0)
             .endObject();
+    j.endArray().key("warnings").beginArray();
+    for (const std::string& w : warnings) j.value(w);
     j.endArray().endObject();
     return j.text();
 }
@@ -121,13 +111,7 @@ std::string renderScan(const ParsedArgs& p, const ScanResult& r) {
     return out;
 }
 
-}  // namespace
-
-int cmdScan(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("scan", args, {{"--want", true}}, &p)) return kExitError;
-    if (p.help) return printHelp(kScanHelp);
-    if (p.operands.size() != 1) return usageError("scan", "one FILE wanted");
+int cmdScan(const GlobalOptions& g, const ParsedArgs& p) {
     uint32_t wanted = 0;
     if (p.has("--want") && !parseTag(p.get("--want"), &wanted))
         return usageError("scan", "--want wants a hexadecimal tag, not '" + p.get("--want") + "'");
@@ -135,9 +119,29 @@ int cmdScan(const GlobalOptions& g, const std::vector<std::string>& args) {
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
     ScanResult r;
-    const bool ok = checkTnefSignature(fd, path) && runScan(fd, path, wanted, g.json, &r);
+    std::vector<std::string> warnings;
+    const bool ok = checkTnefSignature(fd, path) && weighStream(g, fd, path, &warnings) &&
+                    runScan(fd, path, wanted, g.json, &r);
     ::close(fd);
     if (!ok) return kExitError;
-    if (!writeOut(g.json ? jsonScan(path, p, wanted, r) : renderScan(p, r))) return kExitError;
+    if (!writeOut(g.json ? jsonScan(path, p, wanted, r, warnings) : renderScan(p, r))) return kExitError;
     return !p.has("--want") || r.found == 1 ? kExitOk : kExitNotFound;
 }
+
+}  // namespace
+
+const CommandSpec kScanCommand = {
+    "scan", "FILE", 1, 1,
+    "walk a TNEF file attribute by attribute",
+    "Walks a TNEF file attribute by attribute as the encoder's scan does, printing a line per\n"
+    "attribute and property (the wanted one marked '*'), then the attachments found: their long\n"
+    "file name, file name and whether they carry data. Exit status 0 when TAG was found (or none\n"
+    "was asked for), 1 when not.\n"
+    "\n"
+    "With --json: {\"file\",\"want\",\"found\",\"log\":[lines],\"attachments\":[{\"long_file_name\",\n"
+    "\"file_name\",\"has_data\"}]}.",
+    {
+        {"--want", "TAG", "an attribute id or property tag in hexadecimal (0x0037001e or 37001e) to look for"},
+    },
+    cmdScan,
+};

@@ -16,21 +16,6 @@
 
 namespace {
 
-constexpr const char* kShowHelp =
-    "usage: tnef show MESSAGE [--texts] [--raw-texts DIR]\n"
-    "\n"
-    "Shows a message of the store (MESSAGE is its id, as decode reports it, or the path of\n"
-    "its folder): its parts, the records of its message file and where its stored objects\n"
-    "live.\n"
-    "\n"
-    "  --texts           add the property texts stored with the message, one entry per\n"
-    "                    line (\"id = value | value\"), bytes outside printable ASCII as \\xNN\n"
-    "  --raw-texts DIR   write the property texts byte for byte into DIR: main.txt,\n"
-    "                    secondary.txt, then main-2.txt, ... for embedded messages\n"
-    "\n"
-    "With --json: {\"message\",\"dump\":[lines],\"texts\":[{\"kind\",\"depth\",\"flags\",\n"
-    "\"length\",\"entries\":[{\"id\",\"values\"}]}],\"raw_files\":[paths]}.\n";
-
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
     size_t from = 0;
@@ -122,14 +107,7 @@ std::string jsonShown(const std::string& id, const Shown& s, bool withTexts) {
     return j.text();
 }
 
-}  // namespace
-
-int cmdShow(const GlobalOptions& g, const std::vector<std::string>& args) {
-    ParsedArgs p;
-    if (!parseArgs("show", args, {{"--texts", false}, {"--raw-texts", true}}, &p))
-        return kExitError;
-    if (p.help) return printHelp(kShowHelp);
-    if (p.operands.size() != 1) return usageError("show", "one MESSAGE wanted");
+int cmdShow(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string id = messageId(p.operands.front());
     if (!isMessageId(id)) return usageError("show", "'" + id + "' is not a message id");
 
@@ -141,3 +119,20 @@ int cmdShow(const GlobalOptions& g, const std::vector<std::string>& args) {
     return writeOut(g.json ? jsonShown(id, s, withTexts) : renderShown(s, withTexts)) ? kExitOk
                                                                                       : kExitError;
 }
+
+}  // namespace
+
+const CommandSpec kShowCommand = {
+    "show", "MESSAGE", 1, 1,
+    "the records, parts and stored objects of a stored message",
+    "Shows a message of the store (MESSAGE is its id, as decode reports it, or the path of its\n"
+    "folder): its parts, the records of its message file and where its stored objects live.\n"
+    "\n"
+    "With --json: {\"message\",\"dump\":[lines],\"texts\":[{\"kind\",\"depth\",\"flags\",\"length\",\n"
+    "\"entries\":[{\"id\",\"values\"}]}],\"raw_files\":[paths]}.",
+    {
+        {"--texts", nullptr, "add the property texts stored with the message, one entry per line (\"id = value | value\"), bytes outside printable ASCII as \\xNN"},
+        {"--raw-texts", "DIR", "write the property texts byte for byte into DIR: main.txt, secondary.txt, then main-2.txt, ... for embedded messages"},
+    },
+    cmdShow,
+};

@@ -5,18 +5,22 @@
 // run: nothing in it depends on the time or the machine.
 //
 // usage: tnef_make_sample OUT
+//        tnef_make_sample --big-body OUT MIB   a message whose body is MIB MiB of HTML
+//                                              encapsulated in compressed RTF, for timing
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "tnef/platform/er_escape.h"
 #include "tnef/platform/os_file.h"
 #include "tnef/tnef.h"
+#include "tnef/tnef_body.h"
 
 namespace {
 
@@ -171,16 +175,36 @@ void writeSample(int fd) {
     addAttachment(fd, "CHART.PNG", "sales chart.png", "image/png", chartPng());
 }
 
+constexpr uint32_t PR_RTF_COMPRESSED = 0x10090102;
+
+// HTML encapsulated in RTF as a client writes it, about mib MiB of it, compressed.
+void writeBigBody(int fd, unsigned long mib) {
+    std::string rtf = "{\\rtf1\\ansi\\ansicpg1252\\fromhtml1 {\\fonttbl{\\f0 Arial;}}";
+    for (int i = 0; rtf.size() < (mib << 20); ++i)
+        rtf += "{\\*\\htmltag <p class=x>}\\htmlrtf {\\f0 \\htmlrtf0 Line " + std::to_string(i) +
+               " of the report, caf\\'e9 \\u8364? and more text.}{\\*\\htmltag </p>\\par}\\par\r\n";
+    rtf += "}";
+    const std::string packed = tnef_CompressRtf(rtf);
+    tnef_Create(fd);
+    addText(fd, attMessageClass, "IPM.Note");
+    addText(fd, attSubject, "A long body");
+    tnef_AddMAPIPropsAttribute(fd, PR_RTF_COMPRESSED, static_cast<int32_t>(packed.size()), packed.data());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fputs("usage: tnef_make_sample OUT\n", stderr);
+    const bool big = argc == 4 && std::string_view(argv[1]) == "--big-body";
+    if (argc != 2 && !big) {
+        std::fputs("usage: tnef_make_sample OUT | --big-body OUT MIB\n", stderr);
         return 2;
     }
     try {
-        OsFd fd(os_open(argv[1], O_RDWR | O_CREAT | O_TRUNC, 0644));
-        writeSample(fd.get());
+        OsFd fd(os_open(argv[big ? 2 : 1], O_RDWR | O_CREAT | O_TRUNC, 0644));
+        if (big)
+            writeBigBody(fd.get(), std::strtoul(argv[3], nullptr, 10));
+        else
+            writeSample(fd.get());
         fd.close();
     } catch (const Escape& e) {
         std::fprintf(stderr, "tnef_make_sample: %s\n", e.what());

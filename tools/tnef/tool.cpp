@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -15,6 +13,7 @@
 #include <cstring>
 
 #include "tnef/platform/er_escape.h"
+#include "tnef/tnef_reader.h"
 
 bool ParsedArgs::has(std::string_view name) const {
     for (const auto& [n, v] : options)
@@ -30,63 +29,6 @@ std::string ParsedArgs::get(std::string_view name, std::string_view fallback) co
 }
 
 namespace {
-
-// The first argument that looks like an option the command does not know, for the report.
-std::string unknownOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
-    for (const std::string& arg : args) {
-        if (arg == "--") break;
-        const std::string name = arg.substr(0, arg.find('='));
-        if (arg.size() < 2 || arg[0] != '-' || name == "-h" || name == "--help") continue;
-        if (std::none_of(known.begin(), known.end(), [&](const OptionInfo& o) { return name == o.name; }))
-            return name;
-    }
-    return {};
-}
-
-// The option given last without the value it needs.
-std::string missingValueOption(const std::vector<std::string>& args, const std::vector<OptionInfo>& known) {
-    for (const OptionInfo& o : known)
-        if (o.takesValue && !args.empty() && args.back() == o.name) return o.name;
-    return args.empty() ? std::string() : args.back();
-}
-
-}  // namespace
-
-// The command's own options are declared to CLI11, which parses them; its faults are
-// reported in the tool's one-line form.
-bool parseArgs(const std::string& command, const std::vector<std::string>& args,
-               const std::vector<OptionInfo>& known, ParsedArgs* parsed) {
-    CLI::App app{"", command};
-    app.set_help_flag();
-    app.add_flag("-h,--help", parsed->help);
-    for (const OptionInfo& o : known) {
-        const std::string name = o.name;
-        if (o.takesValue)
-            app.add_option_function<std::vector<std::string>>(
-                   name, [parsed, name](const std::vector<std::string>& values) {
-                       for (const std::string& v : values) parsed->options.emplace_back(name, v);
-                   })
-                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-                ->allow_extra_args(false);
-        else
-            app.add_flag_callback(name, [parsed, name] { parsed->options.emplace_back(name, ""); });
-    }
-    app.add_option("operands", parsed->operands);
-    std::vector<std::string> reversed(args.rbegin(), args.rend());
-    try {
-        app.parse(reversed);
-    } catch (const CLI::ArgumentMismatch&) {
-        usageError(command, "option '" + missingValueOption(args, known) + "' needs a value");
-        return false;
-    } catch (const CLI::ParseError& e) {
-        const std::string unknown = unknownOption(args, known);
-        usageError(command, unknown.empty() ? std::string(e.what()) : "unknown option '" + unknown + "'");
-        return false;
-    }
-    return true;
-}
-
-namespace {
 // What the run has said: the last fault reported, and whether stdout got anything, so that
 // a --json run that failed before writing its report still writes a JSON document.
 std::string lastFault;
@@ -98,7 +40,7 @@ bool tool_WroteOut() { return wroteOut; }
 
 void reportError(std::string_view subject, std::string_view what) {
     lastFault = subject.empty() ? std::string(what) : std::string(subject) + ": " + std::string(what);
-    std::string line = "tnef: ";
+    std::string line = std::string(kToolName) + ": ";
     if (!subject.empty()) {
         line += subject;
         line += ": ";
@@ -276,13 +218,9 @@ std::string readableText(std::string_view text) {
     return readable(text, true);
 }
 
-int printHelp(std::string_view text) {
-    writeOut(text);
-    return kExitOk;
-}
-
 int usageError(const std::string& command, std::string_view what) {
-    const std::string help = command.empty() ? "tnef --help" : "tnef " + command + " --help";
+    const std::string tool = kToolName;
+    const std::string help = command.empty() ? tool + " --help" : tool + " " + command + " --help";
     reportError(command, std::string(what) + " (see '" + help + "')");
     return kExitError;
 }
@@ -333,4 +271,50 @@ bool isMessageId(const std::string& id) {
     for (char c : id)
         if (!std::isdigit(static_cast<unsigned char>(c)) && (c < 'a' || c > 'f')) return false;
     return true;
+}
+
+namespace {
+
+constexpr FlagText kReadDamage[] = {
+    {TNEF_READ_TRUNCATED, "the file ends inside a record"},
+    {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
+    {TNEF_READ_TRAILING, "bytes too few for a record follow the last record"},
+    {TNEF_READ_NO_RECORDS, "the file holds no record"},
+    {TNEF_READ_COUNT_BEYOND, "a count announces more than the data holds"},
+    {TNEF_READ_BAD_PROPS, "a property list could not be read to its end"},
+    {TNEF_READ_TOO_DEEP, "embedded messages nested too deep were not read"},
+    {TNEF_READ_TOO_MANY, "too many values: the rest were not read"},
+};
+
+}  // namespace
+
+std::vector<std::string> readWarnings(uint32_t readFlags) {
+    return flagTexts(readFlags, kReadDamage);
+}
+
+uint32_t recordFlags(int fd) {
+    TnefRecordCursor records;
+    tnef_OpenRecords(&records, fd);
+    TnefRecord record;
+    while (tnef_NextRecord(&records, &record)) {
+    }
+    return records.flags;
+}
+
+bool passWarnings(const GlobalOptions& g, const std::string& file, const std::vector<std::string>& warnings) {
+    for (const std::string& w : warnings) reportError(file, "warning: " + w);
+    if (!g.strict || warnings.empty()) return true;
+    reportError(file, "--strict: stopped on " + std::to_string(warnings.size()) +
+                          (warnings.size() == 1 ? " warning" : " warnings") + "; nothing written");
+    return false;
+}
+
+bool weighStream(const GlobalOptions& g, int fd, const std::string& file, std::vector<std::string>* warnings) {
+    try {
+        *warnings = readWarnings(recordFlags(fd));
+    } catch (const Escape& e) {
+        reportEscape(file, e);
+        return false;
+    }
+    return passWarnings(g, file, *warnings);
 }

@@ -16,33 +16,48 @@ inline constexpr int kExitError = 2;
 // Options that hold for every subcommand.
 struct GlobalOptions {
     bool json = false;
+    bool strict = false;  // a warning fails the run before anything is written
+    bool quiet = false;   // no progress line
 };
 
-// One option a subcommand accepts: "--name" or "-n", with a value or without.
-struct OptionInfo {
-    const char* name;
-    bool takesValue;
-};
+// The installed command's name: Debian's "tnef" package already has a /usr/bin/tnef.
+inline constexpr const char* kToolName = "tnefx";
 
-// A subcommand's command line after parsing: the options given (in order, so repeated ones
-// stay) and the operands.
+// A subcommand's command line after parsing: the options given (repeated ones in order) and
+// the operands.
 struct ParsedArgs {
     std::vector<std::pair<std::string, std::string>> options;
     std::vector<std::string> operands;
-    bool help = false;
 
     bool has(std::string_view name) const;
     // The last value given for name, or fallback.
     std::string get(std::string_view name, std::string_view fallback = {}) const;
 };
 
-// Parses args against known ("--name value", "--name=value", "-n value"; "--" ends the
-// options; "--help" and "-h" set help). On an unknown option or a missing value it reports
-// the fault for command and returns false.
-bool parseArgs(const std::string& command, const std::vector<std::string>& args,
-               const std::vector<OptionInfo>& known, ParsedArgs* parsed);
+// One option a subcommand accepts: "--name" or "-n", with a value (named value) or a flag
+// (value nullptr), and the line its help gives it.
+struct OptionSpec {
+    const char* name;
+    const char* value;
+    const char* help;
+};
 
-// "tnef: <subject>: <what>" on stderr, one line.
+inline constexpr size_t kManyOperands = static_cast<size_t>(-1);
+
+// A subcommand as the parser, its help and the man page know it; main.cpp declares each to
+// CLI11 and calls run with what was parsed.
+struct CommandSpec {
+    const char* name;
+    const char* operands;  // as the usage line shows them: "FILE...", "FILE [REQUEST]"
+    size_t minOperands;
+    size_t maxOperands;
+    const char* summary;  // one line, for the command list
+    const char* details;  // what it does and writes, after the options
+    std::vector<OptionSpec> options;
+    int (*run)(const GlobalOptions&, const ParsedArgs&);
+};
+
+// "tnefx: <subject>: <what>" on stderr, one line.
 void reportError(std::string_view subject, std::string_view what);
 // The same for an escape, its group and reason named: "... (escape 102/1531)".
 void reportEscape(std::string_view subject, const Escape& e);
@@ -111,21 +126,23 @@ std::vector<std::string> flagTexts(uint32_t flags, const FlagText (&table)[N]) {
     return out;
 }
 
-// Usage text helpers: each subcommand prints its own.
-int printHelp(std::string_view text);
+// What the reader's damage flags (TNEF_READ_) mean, as warnings.
+std::vector<std::string> readWarnings(uint32_t readFlags);
+// The damage flags of the records of the TNEF file on fd, from one pass over them (the
+// checksums summed); escapes as tnef_OpenRecords.
+uint32_t recordFlags(int fd);
+// Reports each warning about file on stderr. With --strict a warning is an error: then it says
+// so and returns false, and the command stops before it writes anything.
+bool passWarnings(const GlobalOptions& g, const std::string& file, const std::vector<std::string>& warnings);
+
+// recordFlags and passWarnings for a command that reads the file its own way: false when the
+// file cannot be read (reported) or --strict stops on its warnings.
+bool weighStream(const GlobalOptions& g, int fd, const std::string& file, std::vector<std::string>* warnings);
+
+// A command-line fault: one line naming the command, and exit status 2.
 int usageError(const std::string& command, std::string_view what);
 
-// The subcommands. Each returns the process's exit status.
-int cmdList(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdExtract(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdDecode(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdShow(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdGetprop(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdWriteblob(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdScan(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdEncode(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdProps(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdBody(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdRtf(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdCalendar(const GlobalOptions& g, const std::vector<std::string>& args);
-int cmdContact(const GlobalOptions& g, const std::vector<std::string>& args);
+// The subcommands.
+extern const CommandSpec kListCommand, kExtractCommand, kDecodeCommand, kShowCommand,
+    kGetpropCommand, kWriteblobCommand, kScanCommand, kEncodeCommand, kPropsCommand,
+    kBodyCommand, kRtfCommand, kCalendarCommand, kContactCommand, kStoreCommand;

@@ -28,7 +28,9 @@
 #pragma GCC visibility push(default)
 
 inline constexpr const char* MP_OBJECT_PROPERTIES = "MAPI.ObjectProperties";
-inline constexpr uint32_t MP_INLINE_TEXT_MAX = TF_RECORD_MAX - 28 - 1;  // 4051
+// Texts kept inline fit the 4080-byte records of earlier stores, so stored messages look
+// the same whatever the record capacity.
+inline constexpr uint32_t MP_INLINE_TEXT_MAX = 4080 - 28 - 1;  // 4051
 inline constexpr uint32_t MP_WHERE_INLINE = 0;
 inline constexpr uint32_t MP_WHERE_ITEM = 1;
 

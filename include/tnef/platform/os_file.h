@@ -69,16 +69,38 @@ void os_fclose(FILE* file);
 
 // Replaceable system calls, so tests can make the n-th call fail (as an exhausted disk or a
 // failing device would) and check that nothing leaks or stays half-written.
+// The store's names (link, rename, mkdir, unlink, rmdir) and its durability calls (fsync,
+// ftruncate) pass through the same table, so a test can fail any call the store makes.
 struct OsSysCalls {
     int (*open)(const char* path, int flags, mode_t mode);
     ssize_t (*read)(int fd, void* buffer, size_t count);
     ssize_t (*write)(int fd, const void* buffer, size_t count);
     off_t (*lseek)(int fd, off_t offset, int whence);
     int (*close)(int fd);
+    int (*link)(const char* from, const char* to);
+    int (*unlink)(const char* path);
+    int (*rename)(const char* from, const char* to, unsigned flags);  // renameat2's flags
+    int (*mkdir)(const char* path, mode_t mode);
+    int (*rmdir)(const char* path);
+    int (*fsync)(int fd, int dataOnly);  // fdatasync when dataOnly, else fsync
+    int (*ftruncate)(int fd, off_t size);
 };
-// The table in use; os_SetSysCalls(nullptr) restores the real system calls.
+// The table in use; os_SetSysCalls(nullptr) restores the real system calls. Entries left
+// null in a replacement are the real calls.
 const OsSysCalls& os_GetSysCalls();
 void os_SetSysCalls(const OsSysCalls* calls);
+
+// The table's other calls, without escapes: 0, or -1 with errno. EINTR is retried; paths are
+// used as given ("~/" is not resolved). mdc_fsync counts EINVAL (a descriptor that cannot be
+// synced, such as a pipe) as done. Inside an I/O batch, callers write pending bytes first
+// (os_SyncFiles, os_SyncFd).
+int mdc_link(const char* from, const char* to);
+int mdc_unlink(const char* path);
+int mdc_rename(const char* from, const char* to, unsigned flags);
+int mdc_mkdir(const char* path, int mode);
+int mdc_rmdir(const char* path);
+int mdc_fsync(int fd, int dataOnly);
+int mdc_ftruncate(int fd, int64_t size);
 
 // Copies up to count bytes from inFd's position to outFd's position, advancing both, and
 // returns the bytes copied (fewer only when inFd ends). Large copies between regular files run

@@ -1,7 +1,7 @@
 // Message files: the server's files of typed records, one item each.
 //
 // Record layout (all numbers little-endian):
-//   offset 0  u32  record length in bytes, 8 to 4080, header included
+//   offset 0  u32  record length in bytes, 8 to 16384, header included
 //   offset 4  u32  record type
 //   offset 8       reserved (zero); the fields of each type begin at 16
 // On disk a message file is its records back to back, nothing else. A record's length is
@@ -15,9 +15,9 @@
 // second handle on the same item sees them at once.
 //
 // Escapes:
-//   102/1546  a field write that would pass the record's 4080 bytes (the record is unchanged),
+//   102/1546  a field write that would pass the record's 16384 bytes (the record is unchanged),
 //             a text longer than the caller's buffer in tf_GetString
-//   103/3     a file that ends inside a record, a record length below 8 or above 4080, a text
+//   103/3     a file that ends inside a record, a record length below 8 or above 16384, a text
 //             without its NUL: the text names the file (or the record type) and the offset
 //   103/2     a handle that is not open; 103/4 tf_OverwriteRecord with no record last read
 //   100/errno the file system's refusals, naming the path
@@ -31,7 +31,9 @@
 // Everything this header declares is part of the library's exported interface.
 #pragma GCC visibility push(default)
 
-inline constexpr uint32_t TF_RECORD_MAX = 4080;
+// The largest record the codec writes: four texts of 4080 bytes and their fields (a
+// distribution-list entry), so that no text the codec accepts fails for want of room.
+inline constexpr uint32_t TF_RECORD_MAX = 16384;
 inline constexpr uint32_t TF_RECORD_HEADER = 8;
 inline constexpr uint32_t TF_TEXT_CAPACITY = 4080;
 
@@ -117,7 +119,7 @@ void tf_WrapRecord(const TFREC* record, TFREC* wrapped);
 uint32_t tf_GetType(const TFREC* record);
 uint32_t tf_GetLength(const TFREC* record);
 
-// Fixed-size fields at a byte offset. Reads past 4080 and writes past 4080 raise 102/1546.
+// Fixed-size fields at a byte offset. Reads and writes past the record's end raise 102/1546.
 void tf_PutINT16(TFREC* record, uint32_t offset, uint16_t value);
 void tf_PutINT32(TFREC* record, uint32_t offset, uint32_t value);
 uint16_t tf_GetINT16(const TFREC* record, uint32_t offset);

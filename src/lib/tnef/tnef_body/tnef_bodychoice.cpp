@@ -74,63 +74,92 @@ void appendTo(void* context, const char* bytes, size_t n) {
     static_cast<std::string*>(context)->append(bytes, n);
 }
 
-// The RTF of PR_RTF_COMPRESSED; empty when there is none.
-std::string rtfOf(int fd, const TnefMessageView& v, uint32_t* flags) {
-    const TnefPropEntry* e = firstValued(v, PR_RTF_COMPRESSED);
-    std::string rtf;
-    if (e == nullptr) return rtf;
-    const TnefValue& value = e->values[0];
-    if (tnef_DecompressRtfFile(fd, value.offset, value.length, TnefByteSink{appendTo, &rtf}, flags) != TNEF_RTF_OK)
-        rtf.clear();
-    return rtf;
+void feedDeencap(void* context, const char* bytes, size_t n) {
+    tnef_DeencapFeed(static_cast<TnefDeencapStream*>(context), bytes, n);
 }
 
-TnefBody htmlBody(int fd, const TnefMessageView& v) {
-    TnefBody b;
+void put(TnefByteSink sink, const std::string& text) {
+    if (!text.empty()) sink.write(sink.context, text.data(), text.size());
+}
+
+// Compressed bytes read to judge what the RTF encapsulates: \fromhtml1 and \fromtext stand
+// in its header, long before this much.
+constexpr uint64_t kPeek = 64 * 1024;
+
+// PR_RTF_COMPRESSED's value, when the message has one whose form this reader knows.
+const TnefValue* rtfValue(int fd, const TnefMessageView& v, TnefDeencapsulated* kind) {
+    const TnefPropEntry* e = firstValued(v, PR_RTF_COMPRESSED);
+    if (e == nullptr) return nullptr;
+    const TnefValue& value = e->values[0];
+    std::string head;
+    uint32_t flags = 0;
+    if (tnef_DecompressRtfFile(fd, value.offset, std::min<uint64_t>(value.length, kPeek), TnefByteSink{appendTo, &head},
+                               &flags) != TNEF_RTF_OK)
+        return nullptr;
+    *kind = tnef_DeencapsulateRtf(head);
+    return &value;
+}
+
+// The RTF, or what it encapsulates, to sink a piece at a time.
+TnefBody streamRtf(int fd, const TnefValue& value, TnefBodyKind kind, TnefByteSink sink) {
+    TnefBody b{kind, {}, "PR_RTF_COMPRESSED", 0};
+    if (kind == TNEF_BODY_RTF) {
+        tnef_DecompressRtfFile(fd, value.offset, value.length, sink, &b.rtfFlags);
+        return b;
+    }
+    TnefDeencapStream stream;
+    tnef_DeencapBegin(&stream, sink);
+    tnef_DecompressRtfFile(fd, value.offset, value.length, TnefByteSink{feedDeencap, &stream}, &b.rtfFlags);
+    tnef_DeencapEnd(&stream);
+    return b;
+}
+
+TnefBody htmlBody(int fd, const TnefMessageView& v, TnefByteSink sink) {
     const TnefPropEntry* e = firstValued(v, PR_BODY_HTML_A);
     if (e == nullptr) e = firstValued(v, PR_HTML);
-    if (e != nullptr) return {TNEF_BODY_HTML, textOf(fd, v, *e, true), "PR_BODY_HTML", 0};
-    const std::string rtf = rtfOf(fd, v, &b.rtfFlags);
-    const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
-    if (!rtf.empty() && d.encapsulated && d.kind == TNEF_BODY_HTML) {
-        b.kind = TNEF_BODY_HTML;
-        b.text = d.text;
-        b.source = "PR_RTF_COMPRESSED";
+    if (e != nullptr) {
+        put(sink, textOf(fd, v, *e, true));
+        return {TNEF_BODY_HTML, {}, "PR_BODY_HTML", 0};
     }
-    return b;
+    TnefDeencapsulated kind;
+    const TnefValue* rtf = rtfValue(fd, v, &kind);
+    if (rtf != nullptr && kind.encapsulated && kind.kind == TNEF_BODY_HTML)
+        return streamRtf(fd, *rtf, TNEF_BODY_HTML, sink);
+    return {};
 }
 
-TnefBody textBody(int fd, const TnefMessageView& v) {
-    if (const TnefPropEntry* e = firstValued(v, PR_BODY_A))
-        return {TNEF_BODY_TEXT, textOf(fd, v, *e, false), "PR_BODY", 0};
-    if (v.hasAttBody)
-        return {TNEF_BODY_TEXT, tnef_TextFrom8Bit(bytesAt(fd, v.attBodyOffset, v.attBodyLength), v.codePage),
-                "attBody", 0};
-    TnefBody b;
-    const std::string rtf = rtfOf(fd, v, &b.rtfFlags);
-    const TnefDeencapsulated d = tnef_DeencapsulateRtf(rtf);
-    if (!rtf.empty() && d.kind == TNEF_BODY_TEXT) {
-        b.kind = TNEF_BODY_TEXT;
-        b.text = d.text;
-        b.source = "PR_RTF_COMPRESSED";
+TnefBody textBody(int fd, const TnefMessageView& v, TnefByteSink sink) {
+    if (const TnefPropEntry* e = firstValued(v, PR_BODY_A)) {
+        put(sink, textOf(fd, v, *e, false));
+        return {TNEF_BODY_TEXT, {}, "PR_BODY", 0};
     }
-    return b;
+    if (v.hasAttBody) {
+        put(sink, tnef_TextFrom8Bit(bytesAt(fd, v.attBodyOffset, v.attBodyLength), v.codePage));
+        return {TNEF_BODY_TEXT, {}, "attBody", 0};
+    }
+    TnefDeencapsulated kind;
+    const TnefValue* rtf = rtfValue(fd, v, &kind);
+    if (rtf != nullptr && kind.kind == TNEF_BODY_TEXT) return streamRtf(fd, *rtf, TNEF_BODY_TEXT, sink);
+    return {};
 }
 
 }  // namespace
 
-TnefBody tnef_MessageBody(int fd, const TnefMessageView& v, TnefBodyKind want) {
+TnefBody tnef_WriteMessageBody(int fd, const TnefMessageView& v, TnefBodyKind want, TnefByteSink sink) {
     if (want == TNEF_BODY_RTF) {
-        TnefBody b;
-        b.text = rtfOf(fd, v, &b.rtfFlags);
-        if (firstValued(v, PR_RTF_COMPRESSED) != nullptr) {
-            b.kind = TNEF_BODY_RTF;
-            b.source = "PR_RTF_COMPRESSED";
-        }
-        return b;
+        TnefDeencapsulated kind;
+        const TnefValue* rtf = rtfValue(fd, v, &kind);
+        return rtf != nullptr ? streamRtf(fd, *rtf, TNEF_BODY_RTF, sink) : TnefBody{};
     }
-    if (want == TNEF_BODY_HTML) return htmlBody(fd, v);
-    if (want == TNEF_BODY_TEXT) return textBody(fd, v);
-    TnefBody best = htmlBody(fd, v);
-    return best.kind != TNEF_BODY_NONE ? best : textBody(fd, v);
+    if (want == TNEF_BODY_HTML) return htmlBody(fd, v, sink);
+    if (want == TNEF_BODY_TEXT) return textBody(fd, v, sink);
+    TnefBody best = htmlBody(fd, v, sink);
+    return best.kind != TNEF_BODY_NONE ? best : textBody(fd, v, sink);
+}
+
+TnefBody tnef_MessageBody(int fd, const TnefMessageView& v, TnefBodyKind want) {
+    std::string text;
+    TnefBody body = tnef_WriteMessageBody(fd, v, want, TnefByteSink{appendTo, &text});
+    body.text = std::move(text);
+    return body;
 }

@@ -15,6 +15,9 @@ namespace {
 constexpr size_t kDepthLimit = 1024;   // groups deeper than this share their parent's state
 constexpr size_t kWordLimit = 32;      // letters of a control word that are kept
 constexpr uint32_t kDefaultCodePage = 1252;
+// A token left unfinished at the end of a piece waits for the next one, up to this many bytes;
+// a longer one (a control word of 64 KiB) is read as it stands.
+constexpr size_t kCarryLimit = 64 * 1024;
 
 enum class Dest : uint8_t { Text, Skip, HtmlTag, FontTable, Font };
 
@@ -60,6 +63,9 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 struct Reader {
     std::string_view rtf;
     size_t pos = 0;
+    bool final = true;   // no more RTF follows what rtf holds
+    std::string carry;   // streaming: the unread end of the pieces so far
+    TnefByteSink sink;   // streaming: where out goes after each piece
     std::vector<GroupState> stack{GroupState{}};
     size_t overflow = 0;  // groups opened past kDepthLimit
     bool html = false;
@@ -186,6 +192,12 @@ struct Reader {
 
     void word(std::string_view w, bool hasParam, int32_t param);
     void symbol(char c);
+    // True when the token that began at start needs bytes the next piece will bring.
+    bool waitFrom(size_t start) {
+        if (final || rtf.size() - start > kCarryLimit) return false;
+        pos = start;
+        return true;
+    }
     void run();
 };
 
@@ -256,6 +268,7 @@ void Reader::symbol(char c) {
 
 void Reader::run() {
     while (pos < rtf.size()) {
+        const size_t start = pos;
         const char c = rtf[pos++];
         if (c == '{') { open(); continue; }
         if (c == '}') { close(); continue; }
@@ -276,24 +289,30 @@ void Reader::run() {
             text(c);
             continue;
         }
-        if (pos == rtf.size()) break;
+        if (pos == rtf.size()) {
+            if (waitFrom(start)) return;
+            break;
+        }
         const char d = rtf[pos];
         if (d == '\'') {
             uint8_t b = 0;
             int digits = 0;
             for (pos += 1; digits < 2 && pos < rtf.size() && std::isxdigit(static_cast<unsigned char>(rtf[pos])); ++digits, ++pos)
                 b = static_cast<uint8_t>(b * 16 + (isDigit(rtf[pos]) ? rtf[pos] - '0' : (rtf[pos] | 0x20) - 'a' + 10));
+            if (digits < 2 && pos == rtf.size() && waitFrom(start)) return;
             if (digits > 0) byte(b);  // a "\'" the RTF cuts short gives nothing
             continue;
         }
         if (!isLetter(d)) {
+            // "\*" looks ahead for "\htmltag".
+            if (d == '*' && rtf.size() - pos < 9 && waitFrom(start)) return;
             ++pos;
             symbol(d);
             continue;
         }
-        const size_t start = pos;
+        const size_t wordStart = pos;
         while (pos < rtf.size() && isLetter(rtf[pos])) ++pos;
-        const std::string_view w = rtf.substr(start, std::min(pos - start, kWordLimit));
+        const std::string_view w = rtf.substr(wordStart, std::min(pos - wordStart, kWordLimit));
         bool negative = false, hasParam = false;
         int64_t param = 0;
         if (pos < rtf.size() && rtf[pos] == '-') { negative = true; ++pos; }
@@ -301,13 +320,48 @@ void Reader::run() {
             hasParam = true;
             if (param < (1 << 24)) param = param * 10 + (rtf[pos] - '0');
         }
+        // The word ends at its delimiter, which may be in the next piece.
+        if (pos == rtf.size() && waitFrom(start)) return;
         if (pos < rtf.size() && rtf[pos] == ' ') ++pos;
         word(w, hasParam, static_cast<int32_t>(negative ? -param : param));
     }
-    flushPending();
+    if (final) flushPending();
 }
 
 }  // namespace
+
+struct TnefDeencapReader : Reader {};
+
+void tnef_DeencapBegin(TnefDeencapStream* stream, TnefByteSink sink) {
+    stream->reader.reset(new TnefDeencapReader);
+    stream->reader->final = false;
+    stream->reader->sink = sink;
+}
+
+void tnef_DeencapFeed(TnefDeencapStream* stream, const char* bytes, size_t n) {
+    Reader& r = *stream->reader;
+    r.carry.erase(0, r.pos);
+    r.carry.append(bytes, n);
+    r.rtf = r.carry;
+    r.pos = 0;
+    r.run();
+    if (!r.out.empty()) r.sink.write(r.sink.context, r.out.data(), r.out.size());
+    r.out.clear();
+}
+
+TnefDeencapsulated tnef_DeencapEnd(TnefDeencapStream* stream) {
+    Reader& r = *stream->reader;
+    r.final = true;
+    r.run();
+    if (!r.out.empty()) r.sink.write(r.sink.context, r.out.data(), r.out.size());
+    TnefDeencapsulated result;
+    result.kind = r.html ? TNEF_BODY_HTML : TNEF_BODY_TEXT;
+    result.encapsulated = r.encapsulated;
+    stream->reader.reset();
+    return result;
+}
+
+void TnefDeencapStream::Free::operator()(TnefDeencapReader* r) const { delete r; }
 
 TnefDeencapsulated tnef_DeencapsulateRtf(std::string_view rtf) {
     Reader r;

@@ -118,33 +118,78 @@ struct RtfOutput {
 
 // LZFu: a control byte, then eight items, low bit first: a literal byte, or a 16-bit
 // reference (12-bit dictionary offset, 4-bit length less 2). A reference to the write
-// position itself ends the data.
-uint32_t inflate(RtfInput& in, RtfOutput& out) {
-    std::array<char, kDictionarySize> dict{};
-    std::memcpy(dict.data(), kPrimer, kPrimerSize);
-    size_t write = kPrimerSize;
-    const auto emit = [&](char c) {
-        dict[write] = c;
-        write = (write + 1) & (kDictionarySize - 1);
-        return out.put(c);
-    };
-    for (;;) {
-        uint8_t control = 0;
-        if (!in.next(control)) return TNEF_RTF_CUT;
-        for (int bit = 0; bit < 8; ++bit, control >>= 1) {
-            uint8_t hi = 0, lo = 0;
-            if ((control & 1) == 0) {
-                if (!in.next(lo)) return TNEF_RTF_CUT;
-                if (!emit(static_cast<char>(lo))) return TNEF_RTF_TOO_LONG;
-                continue;
+// position itself ends the data. The output is its own dictionary: the 4096 bytes before the
+// write position are what the writer's 4096-byte ring holds (at the start, zeros and then
+// the primer), so a reference is a copy from a fixed distance back.
+class Inflater {
+  public:
+    explicit Inflater(RtfOutput& out) : out_(out), buf_(kDictionarySize + kPiece, '\0') {
+        std::memcpy(buf_.data() + kDictionarySize - kPrimerSize, kPrimer, kPrimerSize);
+    }
+
+    uint32_t run(RtfInput& in) {
+        const uint32_t status = items(in);
+        flush();
+        out_.total = flushed_;
+        return status;
+    }
+
+  private:
+    RtfOutput& out_;
+    std::vector<char> buf_;
+    size_t w_ = kDictionarySize;      // where the next byte goes
+    size_t end_ = kDictionarySize + kPiece;  // no byte goes here or beyond before a flush
+    size_t ring_ = kPrimerSize;       // the writer's ring position, for the end marker
+    uint64_t flushed_ = 0;
+
+    // Hands the new bytes on and keeps the last 4096 as the dictionary.
+    void flush() {
+        const size_t n = w_ - kDictionarySize;
+        if (n != 0) out_.sink.write(out_.sink.context, buf_.data() + kDictionarySize, n);
+        flushed_ += n;
+        std::memmove(buf_.data(), buf_.data() + n, kDictionarySize);
+        w_ = kDictionarySize;
+        end_ = kDictionarySize + static_cast<size_t>(std::min<uint64_t>(kPiece, TNEF_RTF_OUTPUT_LIMIT - flushed_));
+    }
+    // Room for n more bytes, flushing when the window is full; the bytes that fit under the
+    // output limit when fewer do.
+    size_t room(size_t n) {
+        if (end_ - w_ < n) flush();
+        return std::min(n, end_ - w_);
+    }
+
+    uint32_t items(RtfInput& in) {
+        for (;;) {
+            uint8_t control = 0;
+            if (!in.next(control)) return TNEF_RTF_CUT;
+            for (int bit = 0; bit < 8; ++bit, control >>= 1) {
+                uint8_t hi = 0, lo = 0;
+                if ((control & 1) == 0) {
+                    if (!in.next(lo)) return TNEF_RTF_CUT;
+                    if (room(1) == 0) return TNEF_RTF_TOO_LONG;
+                    buf_[w_++] = static_cast<char>(lo);
+                    ring_ = (ring_ + 1) & (kDictionarySize - 1);
+                    continue;
+                }
+                if (!in.next(hi) || !in.next(lo)) return TNEF_RTF_CUT;
+                const size_t from = (static_cast<size_t>(hi) << 4) | (lo >> 4);
+                if (from == ring_) return 0;
+                const size_t want = (lo & 0xFu) + 2u;
+                const size_t n = room(want);
+                // Byte by byte: a copy from close behind repeats what it has just written.
+                char* to = buf_.data() + w_;
+                const char* src = to - ((ring_ - from) & (kDictionarySize - 1));
+                for (size_t i = 0; i < n; ++i) to[i] = src[i];
+                w_ += n;
+                ring_ = (ring_ + n) & (kDictionarySize - 1);
+                if (n < want) return TNEF_RTF_TOO_LONG;
             }
-            if (!in.next(hi) || !in.next(lo)) return TNEF_RTF_CUT;
-            size_t from = (static_cast<size_t>(hi) << 4) | (lo >> 4);
-            if (from == write) return 0;
-            for (size_t n = (lo & 0xF) + 2u; n > 0; --n, from = (from + 1) & (kDictionarySize - 1))
-                if (!emit(dict[from])) return TNEF_RTF_TOO_LONG;
         }
     }
+};
+
+uint32_t inflate(RtfInput& in, RtfOutput& out) {
+    return Inflater(out).run(in);
 }
 
 uint32_t copyStored(RtfInput& in, RtfOutput& out, uint32_t rawSize) {

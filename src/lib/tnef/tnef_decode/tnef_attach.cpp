@@ -14,6 +14,23 @@
 #include "tnef_defs.h"
 
 std::vector<TnefLinkedPart> tnefLinkedParts;
+TnefDecodeReport tnefDecodeReport{};
+
+void tnef_GetDecodeReport(TnefDecodeReport* report) { *report = tnefDecodeReport; }
+
+void tnef_EndAttachment(TnefAttachState& st) {
+    if (st.awaitingData) ++tnefDecodeReport.propertiesWithoutData;
+    st.awaitingData = 0;
+    if (st.data.item) {
+        if (!st.dataSuperseded) ++tnefDecodeReport.dataWithoutProperties;
+        st.data.item.reset();
+    }
+}
+
+bool tnef_EndedInsideRecord(int streamFd, int64_t lastRecordAt, bool lastWhole) {
+    const int64_t size = os_fsize(streamFd);
+    return !lastWhole || (size >= 0 && lastRecordAt < size);
+}
 
 int16_t TnefGroupFile::get() {
     if (existing_ != 0) return existing_;
@@ -34,7 +51,9 @@ void tnef_CompleteAttachment(TnefAttachState& st, const TnefAttachTarget& target
         tnefLinkedParts.push_back({target.message, static_cast<uint32_t>(part), ref});
         st.data.item->release();
         st.data.item.reset();
+        ++tnefDecodeReport.attachmentsLinked;
     }
+    st.awaitingData = 0;
     if (target.nested) {
         st.dataReady = 0;
         st.propertiesDone = 0;
@@ -57,6 +76,8 @@ bool tnef_TakeAttachData(TnefAttachState& st, const TnefAttachTarget& target) {
     uint32_t length = 0;
     if (!tnef_ReadU32(target.tnefFd, &length) || !restIsWhole(target.tnefFd, length)) return false;
     // A new data item replaces (and removes) one that never found its properties.
+    if (st.data.item && !st.dataSuperseded) ++tnefDecodeReport.dataWithoutProperties;
+    st.dataSuperseded = 0;
     tnef_StreamToDataItem(target.tnefFd, length, &st.data);
     if (!st.data.complete) {
         st.data.item.reset();
@@ -136,8 +157,12 @@ bool tnef_TakeAttachment(TnefAttachState& st, const TnefAttachTarget& target,
         tnef_EncodeAttachName(target.codePage, name, &st.name);
         st.propertiesDone = 1;
         *fileAttachment = true;
-        if (st.dataReady) tnef_CompleteAttachment(st, target);
+        if (st.dataReady)
+            tnef_CompleteAttachment(st, target);
+        else
+            st.awaitingData = 1;
     } else {
+        st.dataSuperseded = st.data.item ? 1 : 0;
         takeEmbeddedMessage(objectFile, propFd.get(), st, target);
     }
 

@@ -9,6 +9,7 @@
 #include "tnef/platform/dstring.h"
 #include "tnef/platform/im_items.h"
 #include "tnef/platform/tf_msgfile.h"
+#include "tnef/tnef.h"
 #include "tnef_decode/tnef_records.h"
 
 // A message file that receives records: the caller's, or one of an embedded message's groups,
@@ -37,11 +38,18 @@ struct TnefLinkedPart {
 };
 extern std::vector<TnefLinkedPart> tnefLinkedParts;
 
+// What the decode under way left out (tnef_Decode resets it; the parses and the attachment
+// steps count; tnef_GetDecodeReport reads it).
+extern TnefDecodeReport tnefDecodeReport;
+
 struct TnefAttachState {
     int extract = 0;         // set by attAttachRenddata: 0 keeps the attachment's records whole
     int dataReady = 0;       // attAttachData arrived
     int propertiesDone = 0;  // attAttachment of a file attachment arrived
     int embeddedMarker = 0;  // the data was the embedded-message marker
+    int awaitingData = 0;    // a file attachment's properties wait for its data
+    int dataSuperseded = 0;  // the data was an embedded message's copy, decoded from its
+                             // properties instead: not a loss when it is dropped
     TnefDataItem data;       // the data item, removed again unless linked
     dstring name;            // the encoded name of the last file attachment
     dstring mainText;        // the parse's own attachment property texts
@@ -70,3 +78,11 @@ bool tnef_TakeAttachment(TnefAttachState& st, const TnefAttachTarget& target,
 
 // Records the content file and links the data item to the message.
 void tnef_CompleteAttachment(TnefAttachState& st, const TnefAttachTarget& target);
+
+// At a new attAttachRenddata and at the end of a parse: counts what the attachment so far
+// leaves out (data that can no longer complete is dropped now rather than later).
+void tnef_EndAttachment(TnefAttachState& st);
+
+// After a parse's record loop: whether the stream ended inside a record, given where the
+// last record began and whether its handler read it whole.
+bool tnef_EndedInsideRecord(int streamFd, int64_t lastRecordAt, bool lastWhole);

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <cstring>
@@ -158,9 +159,17 @@ void tnef_ParseTNEF(int objectFd, int tnefFd, dstring* mainText, dstring* second
     uint8_t level = 0;
     uint32_t id = 0;
     bool more = true;
-    while (more && tnef_ReadRecordHead(tnefFd, &level, &id)) {
+    // Where each record begins, so that a stream cut short can be reported with its offset.
+    int64_t recordAt = 0;
+    const auto nextRecord = [&] {
+        recordAt = os_lseek64(tnefFd, 0, 1);
+        return tnef_ReadRecordHead(tnefFd, &level, &id);
+    };
+    while (more && nextRecord()) {
+        ++tnefDecodeReport.records;
         if (isAttachmentAttribute(id)) {
             if (!st.extract) {
+                if (id == attAttachData) ++tnefDecodeReport.keptInObjectFile;
                 more = tnef_AddToObjectFile(objectFd, tnefFd, id, level);
             } else if (id == attAttachData) {
                 more = tnef_TakeAttachData(st, target);
@@ -179,6 +188,7 @@ void tnef_ParseTNEF(int objectFd, int tnefFd, dstring* mainText, dstring* second
                 break;
             case attAttachRenddata: {
                 uint16_t type = 0;
+                tnef_EndAttachment(st);
                 more = tnef_TakeRenddata(objectFd, tnefFd, level, &type);
                 // An OLE object (type 2) is kept whole in the object file, never extracted.
                 st.extract = type != 2 ? 1 : 0;
@@ -220,6 +230,12 @@ void tnef_ParseTNEF(int objectFd, int tnefFd, dstring* mainText, dstring* second
                 break;
         }
     }
+    if (!more) --tnefDecodeReport.records;
+    if (tnef_EndedInsideRecord(tnefFd, recordAt, more)) {
+        tnefDecodeReport.cutAt = recordAt;
+        tnefDecodeReport.bytesNotDecoded = static_cast<uint64_t>(os_fsize(tnefFd) - recordAt);
+    }
+    tnef_EndAttachment(st);
 }
 
 namespace {
@@ -250,7 +266,10 @@ void tnef_Decode(int16_t message, int16_t* messageFile, const char* path, uint16
     // Field-by-field I/O is buffered for the call; offsets are exact again on return.
     OsIoBatch ioBatch;
     tnefSuppressMapiData = static_cast<int>(suppressMapiData);
+    tnefDecodeReport = TnefDecodeReport{};
+    tnefDecodeReport.cutAt = -1;
     OsFd tnef(os_open(path, O_RDONLY, 0));
+    tnefDecodeReport.fileBytes = static_cast<uint64_t>(std::max<int64_t>(os_fsize(tnef.get()), 0));
 
     const LinkedPartsRollback rollback;
     ItemRef objectRef{};

@@ -193,6 +193,7 @@ void tnef_ParseNestedTNEF(int streamFd, int16_t messageFile, int16_t message, in
     uint8_t level = 0;
     uint32_t id = 0;
     bool more = true;
+    int64_t recordAt = os_lseek64(streamFd, 0, 1);
     while (more && tnef_ReadRecordHead(streamFd, &level, &id)) {
         switch (id) {
             case attAidOwner: more = tnef_TakeAidOwner(streamFd, secondaryText); break;
@@ -224,6 +225,7 @@ void tnef_ParseNestedTNEF(int streamFd, int16_t messageFile, int16_t message, in
                 break;
             }
             case attAttachData:
+                if (!st.extract) ++tnefDecodeReport.keptInObjectFile;
                 more = st.extract ? tnef_TakeAttachData(st, target)
                                   : tnef_AddToObjectFile(object.get(), streamFd, id, level);
                 break;
@@ -237,7 +239,10 @@ void tnef_ParseNestedTNEF(int streamFd, int16_t messageFile, int16_t message, in
                 break;
             default: more = readText(streamFd, n.scratch.data()); break;
         }
+        if (more) recordAt = os_lseek64(streamFd, 0, 1);
     }
+    if (tnef_EndedInsideRecord(streamFd, recordAt, more)) ++tnefDecodeReport.embeddedCutShort;
+    tnef_EndAttachment(st);
 
     object.close();
     const int16_t detail = n.detail.get();
