@@ -16,7 +16,8 @@ void convertAll(int fd, const TnefMessageView& view) {
         if (cal == nullptr || icalcomponent_count_errors(cal) != 0) std::abort();
         icalcomponent_free(cal);
     }
-    if (c.kind == TNEF_CONVERT_VCARD && c.text.rfind("BEGIN:VCARD\r\nVERSION:4.0\r\n", 0) != 0) std::abort();
+    if (c.kind == TNEF_CONVERT_VCARD && c.text.rfind("BEGIN:VCARD\r\nVERSION:4.0\r\n", 0) != 0)
+        std::abort();
     for (const TnefMessageView& inner : view.embedded) convertAll(fd, inner);
 }
 

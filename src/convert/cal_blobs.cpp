@@ -12,7 +12,7 @@ namespace tnefconv {
 namespace {
 
 class Cursor {
-public:
+  public:
     explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
 
     bool u16(uint16_t* v) {
@@ -58,7 +58,7 @@ public:
     }
     size_t left() const { return bytes_.size() - pos_; }
 
-private:
+  private:
     unsigned at(size_t i) const { return static_cast<uint8_t>(bytes_[pos_ + i]); }
     bool fail() {
         pos_ = bytes_.size();
@@ -69,8 +69,8 @@ private:
 };
 
 bool systemTime(Cursor& c, MAPI_SYSTEMTIME* st) {
-    uint16_t* fields[] = {&st->year, &st->month, &st->dayOfWeek, &st->day,
-                          &st->hour, &st->minute, &st->second, &st->milliseconds};
+    uint16_t* fields[] = {&st->year, &st->month,  &st->dayOfWeek, &st->day,
+                          &st->hour, &st->minute, &st->second,    &st->milliseconds};
     for (uint16_t* f : fields)
         if (!c.u16(f)) return false;
     return true;
@@ -83,7 +83,9 @@ bool usableTransition(const MAPI_SYSTEMTIME& st) {
 }
 
 // Offsets beyond a day are no zone on Earth, and iCalendar cannot write them.
-bool usableOffset(int64_t minutes) { return minutes > -24 * 60 && minutes < 24 * 60; }
+bool usableOffset(int64_t minutes) {
+    return minutes > -24 * 60 && minutes < 24 * 60;
+}
 
 constexpr uint8_t kTzDefinitionMajor = 2;
 constexpr uint16_t kTzRuleSize = 66;
@@ -134,8 +136,7 @@ bool wideText(Cursor& c, std::string* out) {
 
 bool exceptionInfo(Cursor& c, const char* charset, RecurException* e) {
     uint32_t ignored = 0;
-    if (!c.u32(&e->start) || !c.u32(&e->end) || !c.u32(&e->originalStart) ||
-        !c.u16(&e->overrides))
+    if (!c.u32(&e->start) || !c.u32(&e->end) || !c.u32(&e->originalStart) || !c.u16(&e->overrides))
         return false;
     const uint16_t f = e->overrides;
     return (!(f & ARO_SUBJECT) || ansiText(c, charset, &e->subject)) &&
@@ -145,8 +146,7 @@ bool exceptionInfo(Cursor& c, const char* charset, RecurException* e) {
            (!(f & ARO_LOCATION) || ansiText(c, charset, &e->location)) &&
            (!(f & ARO_BUSYSTATUS) || c.u32(&e->busyStatus)) &&
            (!(f & ARO_ATTACHMENT) || c.u32(&ignored)) &&
-           (!(f & ARO_SUBTYPE) || c.u32(&e->subType)) &&
-           (!(f & ARO_APPTCOLOR) || c.u32(&ignored));
+           (!(f & ARO_SUBTYPE) || c.u32(&e->subType)) && (!(f & ARO_APPTCOLOR) || c.u32(&ignored));
 }
 
 // The extended form of an exception: its texts in UTF-16, which replace the 8-bit ones.
@@ -191,9 +191,12 @@ void dropStrayExceptions(Recurrence* r) {
     std::vector<RecurException> kept;
     for (const RecurException& e : r->exceptions) {
         const uint32_t day = e.originalStart - e.originalStart % kMinutesPerDay;
-        const bool named = std::find(r->modified.begin(), r->modified.end(), day) != r->modified.end();
-        if (named && e.start <= e.end) kept.push_back(e);
-        else r->exceptionsCut = true;
+        const bool named =
+            std::find(r->modified.begin(), r->modified.end(), day) != r->modified.end();
+        if (named && e.start <= e.end)
+            kept.push_back(e);
+        else
+            r->exceptionsCut = true;
     }
     r->exceptions = std::move(kept);
 }
@@ -224,8 +227,7 @@ bool parseTzDefinition(std::string_view bytes, TzDefinition* out) {
         return false;
     std::string_view key;
     uint16_t rules = 0;
-    if (!c.take(size_t{keyChars} * 2, &key) || !c.u16(&rules) || rules == 0 ||
-        rules > kRulesLimit)
+    if (!c.take(size_t{keyChars} * 2, &key) || !c.u16(&rules) || rules == 0 || rules > kRulesLimit)
         return false;
     // Fields a later version adds to the header are stepped over.
     const size_t known = 6 + size_t{keyChars} * 2;
@@ -281,11 +283,11 @@ std::string uidOfGlobalObjectId(std::string_view bytes) {
     MAPI_GLOBAL_OBJECT_ID id;
     mapi_init_MAPI_GLOBAL_OBJECT_ID(&id);
     std::string uid;
-    if (mapi_raw_GlobalObjectIdToStruc(reinterpret_cast<const uint8_t*>(bytes.data()),
-                                       bytes.size(), &id)) {
+    if (mapi_raw_GlobalObjectIdToStruc(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                                       &id)) {
         const std::string_view data(reinterpret_cast<const char*>(id.data), id.dataSize);
-        if (data.size() > kVcalUidSize && data.substr(0, kVcalUidSize) ==
-                                              std::string_view(kVcalUid, kVcalUidSize)) {
+        if (data.size() > kVcalUidSize &&
+            data.substr(0, kVcalUidSize) == std::string_view(kVcalUid, kVcalUidSize)) {
             uid = std::string(data.substr(kVcalUidSize));
             uid.resize(std::strlen(uid.c_str()));  // up to its NUL
         }

@@ -18,13 +18,17 @@ bool hasClassPrefix(std::string_view cls, std::string_view prefix) {
 }  // namespace
 
 TnefConvertKind tnef_ConvertKindOf(std::string_view cls) {
-    static constexpr const char* kCalendar[] = {
-        "IPM.Schedule.Meeting.Request", "IPM.Schedule.Meeting.Canceled",
-        "IPM.Schedule.Meeting.Resp",    "IPM.Microsoft Schedule.MtgReq",
-        "IPM.Microsoft Schedule.MtgCncl", "IPM.Microsoft Schedule.MtgRespP",
-        "IPM.Microsoft Schedule.MtgRespN", "IPM.Microsoft Schedule.MtgRespA",
-        "IPM.Appointment",              "IPM.Task",
-        "IPM.TaskRequest"};
+    static constexpr const char* kCalendar[] = {"IPM.Schedule.Meeting.Request",
+                                                "IPM.Schedule.Meeting.Canceled",
+                                                "IPM.Schedule.Meeting.Resp",
+                                                "IPM.Microsoft Schedule.MtgReq",
+                                                "IPM.Microsoft Schedule.MtgCncl",
+                                                "IPM.Microsoft Schedule.MtgRespP",
+                                                "IPM.Microsoft Schedule.MtgRespN",
+                                                "IPM.Microsoft Schedule.MtgRespA",
+                                                "IPM.Appointment",
+                                                "IPM.Task",
+                                                "IPM.TaskRequest"};
     for (const char* prefix : kCalendar)
         if (hasClassPrefix(cls, prefix)) return TNEF_CONVERT_ICALENDAR;
     if (hasClassPrefix(cls, "IPM.Contact") || hasClassPrefix(cls, "IPM.DistList"))
@@ -35,8 +39,9 @@ TnefConvertKind tnef_ConvertKindOf(std::string_view cls) {
 TnefConverted tnef_ConvertMessage(int fd, const TnefMessageView& view) {
     // PR_MESSAGE_CLASS names the class by its current name; the attribute may hold an older
     // one, which is read as well.
-    std::string cls = tnefconv::textOf(tnefconv::findTag(view.properties, tnefconv::PR_MESSAGE_CLASS))
-                          .value_or(view.messageClass);
+    std::string cls =
+        tnefconv::textOf(tnefconv::findTag(view.properties, tnefconv::PR_MESSAGE_CLASS))
+            .value_or(view.messageClass);
     if (tnef_ConvertKindOf(cls) == TNEF_CONVERT_NONE) cls = view.messageClass;
     switch (tnef_ConvertKindOf(cls)) {
         case TNEF_CONVERT_ICALENDAR:

@@ -117,7 +117,9 @@ std::string readRange(int fd, uint64_t offset, uint64_t length, uint64_t limit);
 std::string toUtf8(std::string_view bytes, const char* charset);
 
 // Minutes since 1601-01-01 of a MAPI time, and the civil fields of such minutes.
-inline int64_t minutesOf(uint64_t mapiTime) { return static_cast<int64_t>(mapiTime / 600000000ULL); }
+inline int64_t minutesOf(uint64_t mapiTime) {
+    return static_cast<int64_t>(mapiTime / 600000000ULL);
+}
 struct Civil {
     int64_t year;
     unsigned month, day, hour, minute;
@@ -169,11 +171,11 @@ struct Recurrence {
     uint16_t patternType = 0;  // 0 day, 1 week, 2 month, 3 nth weekday, 4 month end, 0xA-0xC
                                // their Hijri forms
     uint16_t calendarType = 0;
-    uint32_t period = 0;       // minutes (daily), weeks, or months
-    uint32_t weekMask = 0;     // week and nth: bit 0 Sunday
-    uint32_t dayOfMonth = 0;   // month
-    uint32_t nth = 0;          // nth: 1 to 4, 5 the last
-    uint32_t endType = 0;      // 0x2021 by date, 0x2022 by count, 0x2023 or ~0 never
+    uint32_t period = 0;      // minutes (daily), weeks, or months
+    uint32_t weekMask = 0;    // week and nth: bit 0 Sunday
+    uint32_t dayOfMonth = 0;  // month
+    uint32_t nth = 0;         // nth: 1 to 4, 5 the last
+    uint32_t endType = 0;     // 0x2021 by date, 0x2022 by count, 0x2023 or ~0 never
     uint32_t occurrences = 0;
     uint32_t firstDow = 0;
     std::vector<uint32_t> deleted, modified;  // local midnights, minutes since 1601

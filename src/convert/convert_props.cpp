@@ -80,8 +80,8 @@ std::string readRange(int fd, uint64_t offset, uint64_t length, uint64_t limit) 
     std::string out(static_cast<size_t>(std::min(length, limit)), '\0');
     size_t done = 0;
     while (done < out.size()) {
-        const ssize_t n = ::pread(fd, out.data() + done, out.size() - done,
-                                  static_cast<off_t>(offset + done));
+        const ssize_t n =
+            ::pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
         if (n < 0 && errno == EINTR) continue;
         if (n < 0)
             er_TracedEscapeText(ER_GROUP_IO, errno, "src/convert/convert_props", __LINE__,
@@ -158,7 +158,8 @@ bool isAddress(std::string_view s) {
     if (at == std::string_view::npos || at == 0 || at + 1 >= s.size()) return false;
     for (const char ch : s) {
         const auto c = static_cast<unsigned char>(ch);
-        if (c <= 0x20 || c == 0x7F || std::string_view("<>()\"/,;:\\[]").find(ch) != std::string_view::npos)
+        if (c <= 0x20 || c == 0x7F ||
+            std::string_view("<>()\"/,;:\\[]").find(ch) != std::string_view::npos)
             return false;
     }
     return true;

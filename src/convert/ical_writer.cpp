@@ -65,15 +65,20 @@ struct Zone {
     MAPI_TIMEZONE tz{};
 };
 
-int64_t standardOffset(const MAPI_TIMEZONE& tz) { return -int64_t{tz.bias} - tz.standardBias; }
-int64_t daylightOffset(const MAPI_TIMEZONE& tz) { return -int64_t{tz.bias} - tz.daylightBias; }
+int64_t standardOffset(const MAPI_TIMEZONE& tz) {
+    return -int64_t{tz.bias} - tz.standardBias;
+}
+int64_t daylightOffset(const MAPI_TIMEZONE& tz) {
+    return -int64_t{tz.bias} - tz.daylightBias;
+}
 
 // The zone the item was made in, for the year of its start: the definition's rule in force
 // then, else the 48-byte structure, else the legacy zone number.
 Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uint32_t* flags) {
     Zone z;
     bool damaged = false;  // a zone was given that cannot be used
-    const std::optional<std::string> description = textOf(findNamed(props, PidLidTimeZoneDescription));
+    const std::optional<std::string> description =
+        textOf(findNamed(props, PidLidTimeZoneDescription));
     auto choose = [&](const MAPI_TIMEZONE& tz, const std::string& tzid) {
         if (!usableZone(tz)) return damaged = true, false;
         z.utc = false;
@@ -96,11 +101,14 @@ Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uin
         const TzRule* rule = &def.rules.front();
         for (const TzRule& r : def.rules)
             if (r.year <= startYear) rule = &r;
-        if (choose(rule->tz, def.keyName.empty() ? description.value_or("") : def.keyName)) return z;
+        if (choose(rule->tz, def.keyName.empty() ? description.value_or("") : def.keyName))
+            return z;
     }
-    if (const std::optional<std::string> raw = bytesOf(fd, findNamed(props, PidLidTimeZoneStruct), 64)) {
+    if (const std::optional<std::string> raw =
+            bytesOf(fd, findNamed(props, PidLidTimeZoneStruct), 64)) {
         MAPI_TIMEZONE tz{};
-        const bool read = mapi_TimezoneFromRaw(reinterpret_cast<const uint8_t*>(raw->data()), raw->size(), &tz);
+        const bool read =
+            mapi_TimezoneFromRaw(reinterpret_cast<const uint8_t*>(raw->data()), raw->size(), &tz);
         if (read && choose(tz, description.value_or(""))) return z;
         damaged = damaged || !read;
     }
@@ -108,8 +116,8 @@ Zone zoneOf(int fd, const Entries& props, bool recurring, int64_t startYear, uin
         uint8_t data[MAPI_TIMEZONE_DATA_SIZE];
         const auto n = static_cast<uint32_t>(*number);
         MAPI_TIMEZONE tz{};
-        if (mapi_raw_timezone_data_from_tzNum(n, data) && mapi_TimezoneFromRaw(data, sizeof data, &tz) &&
-            choose(tz, mapi_tzNum_toIcalTZID(n)))
+        if (mapi_raw_timezone_data_from_tzNum(n, data) &&
+            mapi_TimezoneFromRaw(data, sizeof data, &tz) && choose(tz, mapi_tzNum_toIcalTZID(n)))
             return z;
     }
     if (damaged) *flags |= TNEF_CONVERT_BAD_TIMEZONE;
@@ -137,7 +145,8 @@ Civil onsetIn1601(const MAPI_SYSTEMTIME& st) {
     unsigned day = 1 + (st.dayOfWeek + 7 - firstDow) % 7 + (st.day - 1) * 7;
     const unsigned dim = static_cast<unsigned>(
         (minutesOfCivil(st.month == 12 ? 1602 : 1601, st.month == 12 ? 1 : st.month + 1u, 1) -
-         minutesOfCivil(1601, st.month, 1)) / 1440);
+         minutesOfCivil(1601, st.month, 1)) /
+        1440);
     while (day > dim) day -= 7;
     return Civil{1601, st.month, day, st.hour, st.minute};
 }
@@ -151,7 +160,8 @@ icalcomponent* observance(icalcomponent_kind kind, const Civil& onset, int64_t f
         const int nth = rule->day == 5 ? -1 : rule->day;
         const std::string text = "FREQ=YEARLY;BYMONTH=" + std::to_string(rule->month) +
                                  ";BYDAY=" + std::to_string(nth) + kDays[rule->dayOfWeek];
-        icalcomponent_add_property(c, icalproperty_new_rrule(icalrecurrencetype_from_string(text.c_str())));
+        icalcomponent_add_property(
+            c, icalproperty_new_rrule(icalrecurrencetype_from_string(text.c_str())));
     }
     icalcomponent_add_property(c, icalproperty_new_tzoffsetfrom(static_cast<int>(from * 60)));
     icalcomponent_add_property(c, icalproperty_new_tzoffsetto(static_cast<int>(to * 60)));
@@ -168,12 +178,12 @@ icalcomponent* vtimezone(const Zone& z) {
         return vtz;
     }
     const int64_t dst = daylightOffset(z.tz);
-    icalcomponent_add_component(vtz, observance(ICAL_XSTANDARD_COMPONENT,
-                                                onsetIn1601(z.tz.standardDate), dst, std,
-                                                &z.tz.standardDate));
-    icalcomponent_add_component(vtz, observance(ICAL_XDAYLIGHT_COMPONENT,
-                                                onsetIn1601(z.tz.daylightDate), std, dst,
-                                                &z.tz.daylightDate));
+    icalcomponent_add_component(
+        vtz, observance(ICAL_XSTANDARD_COMPONENT, onsetIn1601(z.tz.standardDate), dst, std,
+                        &z.tz.standardDate));
+    icalcomponent_add_component(
+        vtz, observance(ICAL_XDAYLIGHT_COMPONENT, onsetIn1601(z.tz.daylightDate), std, dst,
+                        &z.tz.daylightDate));
     return vtz;
 }
 
@@ -186,7 +196,8 @@ icalproperty* momentProp(icalproperty* (*make)(icaltimetype), int64_t utcMinutes
         t.zone = icaltimezone_get_utc_timezone();
         return make(t);
     }
-    icalproperty* p = make(civilTime(civilOfMinutes(mapi_UtcToLocalMinutes(&z.tz, utcMinutes)), false));
+    icalproperty* p =
+        make(civilTime(civilOfMinutes(mapi_UtcToLocalMinutes(&z.tz, utcMinutes)), false));
     icalproperty_add_parameter(p, icalparameter_new_tzid(z.tzid.c_str()));
     return p;
 }
@@ -218,7 +229,9 @@ bool inRange(int64_t minutes) {
     const int64_t year = civilOfMinutes(minutes).year;
     return year >= 1601 && year <= 2998;
 }
-bool plausible(uint64_t mapiTime) { return inRange(minutesOf(mapiTime)); }
+bool plausible(uint64_t mapiTime) {
+    return inRange(minutesOf(mapiTime));
+}
 
 std::optional<uint64_t> timeProp(const Entries& props, NamedId id) {
     const std::optional<uint64_t> t = timeOf(findNamed(props, id));
@@ -232,7 +245,7 @@ std::optional<uint64_t> timeProp(const Entries& props, uint16_t id) {
 
 // ---- Recurrence -----------------------------------------------------------------------------
 
-constexpr uint32_t kCountLimit = 99999;  // far beyond the 999 clients let a user set
+constexpr uint32_t kCountLimit = 99999;       // far beyond the 999 clients let a user set
 constexpr uint32_t kLastMinute = 0x5AE980DF;  // 4500-12-31 23:59: the pattern's "no end"
 
 const char* const kDayNames[] = {"SU", "MO", "TU", "WE", "TH", "FR", "SA"};
@@ -271,12 +284,13 @@ std::optional<std::string> ruleText(const Recurrence& r, uint32_t* flags) {
             if (r.period == 0 || r.period > 99 || r.weekMask == 0 || r.weekMask > 0x7F ||
                 r.firstDow > 6)
                 break;
-            return "FREQ=WEEKLY;INTERVAL=" + std::to_string(r.period) + ";BYDAY=" +
-                   dayList(r.weekMask) + ";WKST=" + kDayNames[r.firstDow];
+            return "FREQ=WEEKLY;INTERVAL=" + std::to_string(r.period) +
+                   ";BYDAY=" + dayList(r.weekMask) + ";WKST=" + kDayNames[r.firstDow];
         case 2:
             if (r.dayOfMonth < 1 || r.dayOfMonth > 31 || !(head = months(r.period))) break;
             // A day past the month's end means its last day, as MAPI clients read it.
-            if (r.dayOfMonth <= 28) return *head + byMonth + ";BYMONTHDAY=" + std::to_string(r.dayOfMonth);
+            if (r.dayOfMonth <= 28)
+                return *head + byMonth + ";BYMONTHDAY=" + std::to_string(r.dayOfMonth);
             {
                 std::string days = "28";
                 for (uint32_t d = 29; d <= r.dayOfMonth; ++d) days += "," + std::to_string(d);
@@ -289,7 +303,8 @@ std::optional<std::string> ruleText(const Recurrence& r, uint32_t* flags) {
             const int nth = r.nth == 5 ? -1 : static_cast<int>(r.nth);
             if ((r.weekMask & (r.weekMask - 1)) == 0)
                 return *head + byMonth + ";BYDAY=" + std::to_string(nth) + dayList(r.weekMask);
-            return *head + byMonth + ";BYDAY=" + dayList(r.weekMask) + ";BYSETPOS=" + std::to_string(nth);
+            return *head + byMonth + ";BYDAY=" + dayList(r.weekMask) +
+                   ";BYSETPOS=" + std::to_string(nth);
         }
         case 4:
             if (!(head = months(r.period))) break;
@@ -301,11 +316,14 @@ std::optional<std::string> ruleText(const Recurrence& r, uint32_t* flags) {
     return std::nullopt;
 }
 
-std::string twoDigits(unsigned v) { return (v < 10 ? "0" : "") + std::to_string(v); }
+std::string twoDigits(unsigned v) {
+    return (v < 10 ? "0" : "") + std::to_string(v);
+}
 
 std::string dateText(const Civil& c) {
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%04lld%02u%02u", static_cast<long long>(c.year), c.month, c.day);
+    std::snprintf(buf, sizeof buf, "%04lld%02u%02u", static_cast<long long>(c.year), c.month,
+                  c.day);
     return buf;
 }
 
@@ -346,8 +364,8 @@ struct Person {
 std::string addressOf(const Entries& e, uint16_t smtp, uint16_t email, uint16_t type) {
     if (auto s = textOf(findTag(e, smtp)); s && isAddress(*s)) return *s;
     const std::string addrType = textOf(findTag(e, type)).value_or("SMTP");
-    if (auto s = textOf(findTag(e, email)); s && isAddress(*s) &&
-                                            (addrType == "SMTP" || addrType == "smtp"))
+    if (auto s = textOf(findTag(e, email));
+        s && isAddress(*s) && (addrType == "SMTP" || addrType == "smtp"))
         return *s;
     return {};
 }
@@ -409,14 +427,20 @@ std::vector<Person> parseAttendeeString(const std::string& text) {
 
 icalparameter_partstat trackStatus(int64_t v) {
     switch (v) {
-        case 2: return ICAL_PARTSTAT_TENTATIVE;
-        case 3: return ICAL_PARTSTAT_ACCEPTED;
-        case 4: return ICAL_PARTSTAT_DECLINED;
-        default: return ICAL_PARTSTAT_NEEDSACTION;
+        case 2:
+            return ICAL_PARTSTAT_TENTATIVE;
+        case 3:
+            return ICAL_PARTSTAT_ACCEPTED;
+        case 4:
+            return ICAL_PARTSTAT_DECLINED;
+        default:
+            return ICAL_PARTSTAT_NEEDSACTION;
     }
 }
 
-std::string mailto(const std::string& address) { return "mailto:" + address; }
+std::string mailto(const std::string& address) {
+    return "mailto:" + address;
+}
 
 icalproperty* personProp(icalproperty* (*make)(const char*), const Person& p) {
     icalproperty* prop = make(mailto(p.address).c_str());
@@ -428,7 +452,8 @@ icalproperty* personProp(icalproperty* (*make)(const char*), const Person& p) {
 icalproperty* attendeeProp(const Attendee& a, bool rsvp) {
     icalproperty* prop = personProp(icalproperty_new_attendee, a.person);
     icalproperty_add_parameter(prop, icalparameter_new_role(a.role));
-    if (a.resource) icalproperty_add_parameter(prop, icalparameter_new_cutype(ICAL_CUTYPE_RESOURCE));
+    if (a.resource)
+        icalproperty_add_parameter(prop, icalparameter_new_cutype(ICAL_CUTYPE_RESOURCE));
     icalproperty_add_parameter(prop, icalparameter_new_partstat(a.status));
     if (rsvp) icalproperty_add_parameter(prop, icalparameter_new_rsvp(ICAL_RSVP_TRUE));
     return prop;
@@ -446,7 +471,8 @@ struct Owner {
     Owner& operator=(const Owner&) = delete;
 };
 
-void addText(icalcomponent* c, icalproperty* (*make)(const char*), const std::optional<std::string>& v) {
+void addText(icalcomponent* c, icalproperty* (*make)(const char*),
+             const std::optional<std::string>& v) {
     if (!v) return;
     // A value of blanks alone reads back as no value at all.
     const std::string text = cleanText(*v);
@@ -495,7 +521,8 @@ void addCommon(icalcomponent* c, const Entries& props, const std::string& summar
     icalcomponent_add_property(c, icalproperty_new_dtstamp(stamp));
     addText(c, icalproperty_new_summary, summary);
     addText(c, icalproperty_new_description, description);
-    if (auto t = timeProp(props, PR_CREATION_TIME)) icalcomponent_add_property(c, icalproperty_new_created(utcTime(*t)));
+    if (auto t = timeProp(props, PR_CREATION_TIME))
+        icalcomponent_add_property(c, icalproperty_new_created(utcTime(*t)));
     if (auto t = timeProp(props, PR_LAST_MODIFICATION_TIME))
         icalcomponent_add_property(c, icalproperty_new_lastmodified(utcTime(*t)));
     if (auto s = integerOf(findTag(props, PR_SENSITIVITY)))
@@ -566,8 +593,9 @@ void addPeople(icalcomponent* ev, EventParts& p) {
             continue;
         }
         const int64_t type = integerOf(findTag(row, PR_RECIPIENT_TYPE)).value_or(1);
-        a.role = type == 2 ? ICAL_ROLE_OPTPARTICIPANT : type == 3 ? ICAL_ROLE_NONPARTICIPANT
-                                                                  : ICAL_ROLE_REQPARTICIPANT;
+        a.role = type == 2   ? ICAL_ROLE_OPTPARTICIPANT
+                 : type == 3 ? ICAL_ROLE_NONPARTICIPANT
+                             : ICAL_ROLE_REQPARTICIPANT;
         a.resource = type == 3;
         a.status = trackStatus(integerOf(findTag(row, PR_RECIPIENT_TRACKSTATUS)).value_or(0));
         attendees.push_back(a);
@@ -576,8 +604,10 @@ void addPeople(icalcomponent* ev, EventParts& p) {
     if (p.method == Method::Reply) {
         // The reply comes from the attendee and goes to the organizer.
         if (!attendees.empty()) organizer = attendees.front().person;
-        if (sender.address.empty()) p.flags |= TNEF_CONVERT_NO_ADDRESS;
-        else attendees = {Attendee{sender, ICAL_ROLE_REQPARTICIPANT, false, p.info.replyStatus}};
+        if (sender.address.empty())
+            p.flags |= TNEF_CONVERT_NO_ADDRESS;
+        else
+            attendees = {Attendee{sender, ICAL_ROLE_REQPARTICIPANT, false, p.info.replyStatus}};
     } else {
         if (!sender.address.empty()) organizer = sender;
         if (attendees.empty()) {
@@ -586,14 +616,20 @@ void addPeople(icalcomponent* ev, EventParts& p) {
                 {PidLidToAttendeesString, ICAL_ROLE_REQPARTICIPANT},
                 {PidLidCcAttendeesString, ICAL_ROLE_OPTPARTICIPANT}};
             for (const auto& [id, role] : lists)
-                for (const Person& person : parseAttendeeString(textOf(findNamed(props, id)).value_or(""))) {
-                    if (person.address.empty()) p.flags |= TNEF_CONVERT_NO_ADDRESS;
-                    else attendees.push_back(Attendee{person, role, false, ICAL_PARTSTAT_NEEDSACTION});
+                for (const Person& person :
+                     parseAttendeeString(textOf(findNamed(props, id)).value_or(""))) {
+                    if (person.address.empty())
+                        p.flags |= TNEF_CONVERT_NO_ADDRESS;
+                    else
+                        attendees.push_back(
+                            Attendee{person, role, false, ICAL_PARTSTAT_NEEDSACTION});
                 }
         }
     }
-    if (organizer) icalcomponent_add_property(ev, personProp(icalproperty_new_organizer, *organizer));
-    else p.flags |= TNEF_CONVERT_NO_ORGANIZER;
+    if (organizer)
+        icalcomponent_add_property(ev, personProp(icalproperty_new_organizer, *organizer));
+    else
+        p.flags |= TNEF_CONVERT_NO_ORGANIZER;
     const bool rsvp = p.method == Method::Request &&
                       integerOf(findTag(props, PR_RESPONSE_REQUESTED)).value_or(1) != 0;
     for (const Attendee& a : attendees) icalcomponent_add_property(ev, attendeeProp(a, rsvp));
@@ -620,10 +656,12 @@ void addRecurrence(icalcomponent* cal, icalcomponent* master, EventParts& p, con
 
     // Deleted instances include the modified ones, whose exceptions replace them.
     for (uint32_t day : r.deleted) {
-        if (std::find(r.modified.begin(), r.modified.end(), day) != r.modified.end() || !inRange(day)) continue;
+        if (std::find(r.modified.begin(), r.modified.end(), day) != r.modified.end() ||
+            !inRange(day))
+            continue;
         icalcomponent_add_property(
-            master, localProp(icalproperty_new_exdate, int64_t{day} + (p.allDay ? 0 : r.startOffset),
-                              p.zone, p.allDay));
+            master, localProp(icalproperty_new_exdate,
+                              int64_t{day} + (p.allDay ? 0 : r.startOffset), p.zone, p.allDay));
     }
     for (const RecurException& e : r.exceptions) {
         if (!inRange(e.start) || !inRange(e.end) || !inRange(e.originalStart)) {
@@ -631,8 +669,8 @@ void addRecurrence(icalcomponent* cal, icalcomponent* master, EventParts& p, con
             continue;
         }
         icalcomponent* ev = icalcomponent_new_clone(master);
-        for (icalproperty_kind k : {ICAL_RRULE_PROPERTY, ICAL_EXDATE_PROPERTY, ICAL_DTSTART_PROPERTY,
-                                    ICAL_DTEND_PROPERTY})
+        for (icalproperty_kind k : {ICAL_RRULE_PROPERTY, ICAL_EXDATE_PROPERTY,
+                                    ICAL_DTSTART_PROPERTY, ICAL_DTEND_PROPERTY})
             while (icalproperty* old = icalcomponent_get_first_property(ev, k)) {
                 icalcomponent_remove_property(ev, old);
                 icalproperty_free(old);
@@ -645,10 +683,14 @@ void addRecurrence(icalcomponent* cal, icalcomponent* master, EventParts& p, con
             }
             addText(ev, make, v);
         };
-        if (e.overrides & ARO_SUBJECT) replaceText(ICAL_SUMMARY_PROPERTY, icalproperty_new_summary, e.subject);
-        if (e.overrides & ARO_LOCATION) replaceText(ICAL_LOCATION_PROPERTY, icalproperty_new_location, e.location);
-        icalcomponent_add_property(ev, localProp(icalproperty_new_recurrenceid, e.originalStart, p.zone, p.allDay));
-        icalcomponent_add_property(ev, localProp(icalproperty_new_dtstart, e.start, p.zone, p.allDay));
+        if (e.overrides & ARO_SUBJECT)
+            replaceText(ICAL_SUMMARY_PROPERTY, icalproperty_new_summary, e.subject);
+        if (e.overrides & ARO_LOCATION)
+            replaceText(ICAL_LOCATION_PROPERTY, icalproperty_new_location, e.location);
+        icalcomponent_add_property(
+            ev, localProp(icalproperty_new_recurrenceid, e.originalStart, p.zone, p.allDay));
+        icalcomponent_add_property(ev,
+                                   localProp(icalproperty_new_dtstart, e.start, p.zone, p.allDay));
         icalcomponent_add_property(ev, localProp(icalproperty_new_dtend, e.end, p.zone, p.allDay));
         icalcomponent_add_component(cal, ev);
     }
@@ -682,20 +724,28 @@ void addEvent(icalcomponent* cal, EventParts& p) {
     const std::string uid = uidOf(p.fd, props, summary, start.value_or(0));
     addCommon(ev, props, summary, bodyText(p.fd, p.view), uid, *stamp);
     icalcomponent_add_property(
-        ev, icalproperty_new_sequence(static_cast<int>(
-                std::clamp<int64_t>(integerOf(findNamed(props, PidLidAppointmentSequence)).value_or(0), 0, INT32_MAX))));
+        ev,
+        icalproperty_new_sequence(static_cast<int>(std::clamp<int64_t>(
+            integerOf(findNamed(props, PidLidAppointmentSequence)).value_or(0), 0, INT32_MAX))));
     std::optional<std::string> location = textOf(findNamed(props, PidLidLocation));
     if (!location) location = textOf(findNamed(props, PidLidWhere));
     addText(ev, icalproperty_new_location, location);
-    if (p.method == Method::Cancel) icalcomponent_add_property(ev, icalproperty_new_status(ICAL_STATUS_CANCELLED));
+    if (p.method == Method::Cancel)
+        icalcomponent_add_property(ev, icalproperty_new_status(ICAL_STATUS_CANCELLED));
 
     if (start) {
         if (p.allDay) {
-            icalcomponent_add_property(ev, dayProp(icalproperty_new_dtstart, localOf(p.zone, minutesOf(*start)), false));
-            if (hasEnd) icalcomponent_add_property(ev, dayProp(icalproperty_new_dtend, localOf(p.zone, minutesOf(end)), true));
+            icalcomponent_add_property(
+                ev, dayProp(icalproperty_new_dtstart, localOf(p.zone, minutesOf(*start)), false));
+            if (hasEnd)
+                icalcomponent_add_property(
+                    ev, dayProp(icalproperty_new_dtend, localOf(p.zone, minutesOf(end)), true));
         } else {
-            icalcomponent_add_property(ev, momentProp(icalproperty_new_dtstart, minutesOf(*start), p.zone));
-            if (hasEnd) icalcomponent_add_property(ev, momentProp(icalproperty_new_dtend, minutesOf(end), p.zone));
+            icalcomponent_add_property(
+                ev, momentProp(icalproperty_new_dtstart, minutesOf(*start), p.zone));
+            if (hasEnd)
+                icalcomponent_add_property(
+                    ev, momentProp(icalproperty_new_dtend, minutesOf(end), p.zone));
         }
     } else {
         p.flags |= TNEF_CONVERT_NO_START;
@@ -703,7 +753,8 @@ void addEvent(icalcomponent* cal, EventParts& p) {
 
     // A single instance of a series: the instance it replaces.
     if (auto replaced = timeProp(props, PidLidExceptionReplaceTime); replaced && !p.allDay)
-        icalcomponent_add_property(ev, momentProp(icalproperty_new_recurrenceid, minutesOf(*replaced), p.zone));
+        icalcomponent_add_property(
+            ev, momentProp(icalproperty_new_recurrenceid, minutesOf(*replaced), p.zone));
 
     const std::optional<int64_t> busy = integerOf(findNamed(props, PidLidBusyStatus));
     const std::optional<int64_t> intended = integerOf(findNamed(props, PidLidIntendedBusyStatus));
@@ -712,7 +763,8 @@ void addEvent(icalcomponent* cal, EventParts& p) {
         icalcomponent_add_property(ev, icalproperty_new_transp(*shown == 0 ? ICAL_TRANSP_TRANSPARENT
                                                                            : ICAL_TRANSP_OPAQUE));
     if (busy && busyText(*busy)) addX(ev, "X-MICROSOFT-CDO-BUSYSTATUS", busyText(*busy));
-    if (intended && busyText(*intended)) addX(ev, "X-MICROSOFT-CDO-INTENDEDSTATUS", busyText(*intended));
+    if (intended && busyText(*intended))
+        addX(ev, "X-MICROSOFT-CDO-INTENDEDSTATUS", busyText(*intended));
     if (p.allDay) addX(ev, "X-MICROSOFT-CDO-ALLDAYEVENT", "TRUE");
 
     addPeople(ev, p);
@@ -720,13 +772,18 @@ void addEvent(icalcomponent* cal, EventParts& p) {
     const std::optional<int64_t> delta = integerOf(findNamed(props, PidLidReminderDelta));
     if (integerOf(findNamed(props, PidLidReminderSet)).value_or(0) != 0 && delta && *delta >= 0 &&
         *delta <= kReminderLimit)
-        icalcomponent_add_component(ev, alarm(summary, icaltriggertype_from_int(static_cast<int>(-*delta * 60))));
+        icalcomponent_add_component(
+            ev, alarm(summary, icaltriggertype_from_int(static_cast<int>(-*delta * 60))));
 
-    if (const std::optional<std::string> blob = bytesOf(p.fd, findNamed(props, PidLidAppointmentRecur), 1u << 24)) {
+    if (const std::optional<std::string> blob =
+            bytesOf(p.fd, findNamed(props, PidLidAppointmentRecur), 1u << 24)) {
         Recurrence r;
-        const std::string charset = "CP" + std::to_string(p.view.codePage == 0 ? 1252 : p.view.codePage);
-        if (parseRecurrence(*blob, charset.c_str(), &r)) addRecurrence(cal, ev, p, r);
-        else p.flags |= TNEF_CONVERT_BAD_RECURRENCE;
+        const std::string charset =
+            "CP" + std::to_string(p.view.codePage == 0 ? 1252 : p.view.codePage);
+        if (parseRecurrence(*blob, charset.c_str(), &r))
+            addRecurrence(cal, ev, p, r);
+        else
+            p.flags |= TNEF_CONVERT_BAD_RECURRENCE;
     }
 }
 
@@ -739,7 +796,8 @@ uint32_t addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
         if (!stamp)
             if (auto t = timeProp(props, id)) stamp = utcTime(*t);
     if (!stamp) stamp = icaltime_from_timet_with_zone(0, 0, icaltimezone_get_utc_timezone());
-    addCommon(todo, props, view.subject, bodyText(fd, view), uidOf(fd, props, view.subject, 0), *stamp);
+    addCommon(todo, props, view.subject, bodyText(fd, view), uidOf(fd, props, view.subject, 0),
+              *stamp);
 
     // A task's start and due dates are days: the day is kept as midnight of that date.
     auto day = [&](NamedId id, icalproperty* (*make)(icaltimetype)) {
@@ -750,10 +808,12 @@ uint32_t addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
     day(PidLidTaskDueDate, icalproperty_new_due);
 
     const int64_t status = integerOf(findNamed(props, PidLidTaskStatus)).value_or(0);
-    const bool complete = status == 2 || integerOf(findNamed(props, PidLidTaskComplete)).value_or(0) != 0;
-    icalcomponent_add_property(todo, icalproperty_new_status(complete        ? ICAL_STATUS_COMPLETED
-                                                             : status == 1 ? ICAL_STATUS_INPROCESS
-                                                                           : ICAL_STATUS_NEEDSACTION));
+    const bool complete =
+        status == 2 || integerOf(findNamed(props, PidLidTaskComplete)).value_or(0) != 0;
+    icalcomponent_add_property(todo,
+                               icalproperty_new_status(complete      ? ICAL_STATUS_COMPLETED
+                                                       : status == 1 ? ICAL_STATUS_INPROCESS
+                                                                     : ICAL_STATUS_NEEDSACTION));
     if (auto pc = realOf(findNamed(props, PidLidPercentComplete)); pc && std::isfinite(*pc))
         icalcomponent_add_property(todo, icalproperty_new_percentcomplete(static_cast<int>(
                                              std::lround(std::clamp(*pc, 0.0, 1.0) * 100))));
@@ -768,25 +828,35 @@ uint32_t addTodo(icalcomponent* cal, int fd, const TnefMessageView& view) {
 
 std::string methodName(Method m) {
     switch (m) {
-        case Method::Request: return "REQUEST";
-        case Method::Cancel: return "CANCEL";
-        case Method::Reply: return "REPLY";
-        case Method::Publish: return "PUBLISH";
+        case Method::Request:
+            return "REQUEST";
+        case Method::Cancel:
+            return "CANCEL";
+        case Method::Reply:
+            return "REPLY";
+        case Method::Publish:
+            return "PUBLISH";
     }
     return "PUBLISH";
 }
 
 icalproperty_method methodOf(Method m) {
     switch (m) {
-        case Method::Request: return ICAL_METHOD_REQUEST;
-        case Method::Cancel: return ICAL_METHOD_CANCEL;
-        case Method::Reply: return ICAL_METHOD_REPLY;
-        case Method::Publish: return ICAL_METHOD_PUBLISH;
+        case Method::Request:
+            return ICAL_METHOD_REQUEST;
+        case Method::Cancel:
+            return ICAL_METHOD_CANCEL;
+        case Method::Reply:
+            return ICAL_METHOD_REPLY;
+        case Method::Publish:
+            return ICAL_METHOD_PUBLISH;
     }
     return ICAL_METHOD_PUBLISH;
 }
 
-bool isTask(std::string_view cls) { return startsWithClass(cls, "IPM.Task"); }
+bool isTask(std::string_view cls) {
+    return startsWithClass(cls, "IPM.Task");
+}
 
 }  // namespace
 
@@ -816,7 +886,8 @@ TnefConverted toICalendar(int fd, const TnefMessageView& view, std::string_view 
         const Entries& props = view.properties;
         const std::optional<uint64_t> start = timeProp(props, PidLidAppointmentStartWhole);
         const bool recurring = findNamed(props, PidLidAppointmentRecur) != nullptr;
-        p.zone = zoneOf(fd, props, recurring, start ? civilOfMinutes(minutesOf(*start)).year : 0, &p.flags);
+        p.zone = zoneOf(fd, props, recurring, start ? civilOfMinutes(minutesOf(*start)).year : 0,
+                        &p.flags);
         p.allDay = integerOf(findNamed(props, PidLidAppointmentSubType)).value_or(0) != 0;
         if (!p.zone.utc) icalcomponent_add_component(cal.c, vtimezone(p.zone));
         addEvent(cal.c, p);

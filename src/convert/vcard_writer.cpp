@@ -82,7 +82,7 @@ constexpr NamedId PidLidWeddingAnniversaryLocal{&PSETID_Address, 0x80DF};
 constexpr uint64_t kPhotoLimit = 16u << 20;  // bytes of a contact picture that are written
 
 class Card {
-public:
+  public:
     // A property line: name with its parameters, and the value as written (escaped or not).
     void line(std::string_view nameAndParams, std::string_view value) {
         std::string l = std::string(nameAndParams) + ":" + std::string(value);
@@ -110,17 +110,21 @@ public:
         std::string out;
         for (const char c : cleanText(v)) {
             if (c == '\\' || c == ',' || c == ';') out.push_back('\\');
-            if (c == '\n') out += "\\n";
-            else out.push_back(c);
+            if (c == '\n')
+                out += "\\n";
+            else
+                out.push_back(c);
         }
         return out;
     }
 
-private:
+  private:
     std::string out_ = "BEGIN:VCARD\r\nVERSION:4.0\r\n";
 };
 
-std::optional<std::string> tagText(const Entries& e, uint16_t id) { return textOf(findTag(e, id)); }
+std::optional<std::string> tagText(const Entries& e, uint16_t id) {
+    return textOf(findTag(e, id));
+}
 
 // A compound value (N, ADR, ORG): components escaped and joined by ';'; none when all are
 // empty.
@@ -141,7 +145,8 @@ std::optional<std::string> compound(const std::vector<std::optional<std::string>
 std::string dateOf(int64_t minutes) {
     const Civil c = civilOfMinutes(minutes);
     char buf[16];
-    std::snprintf(buf, sizeof buf, "%04lld%02u%02u", static_cast<long long>(c.year), c.month, c.day);
+    std::snprintf(buf, sizeof buf, "%04lld%02u%02u", static_cast<long long>(c.year), c.month,
+                  c.day);
     return buf;
 }
 
@@ -149,8 +154,10 @@ std::string dateOf(int64_t minutes) {
 // time, which is local midnight in UTC: within half a day of the midnight of its date.
 std::optional<std::string> dayOf(const Entries& e, NamedId local, uint16_t utc) {
     std::optional<int64_t> minutes;
-    if (auto t = timeOf(findNamed(e, local))) minutes = minutesOf(*t);
-    else if (auto u = timeOf(findTag(e, utc))) minutes = minutesOf(*u) + 12 * 60;
+    if (auto t = timeOf(findNamed(e, local)))
+        minutes = minutesOf(*t);
+    else if (auto u = timeOf(findTag(e, utc)))
+        minutes = minutesOf(*u) + 12 * 60;
     if (!minutes || civilOfMinutes(*minutes).year > 9999) return std::nullopt;
     return dateOf(*minutes);
 }
@@ -166,7 +173,8 @@ std::string base64(std::string_view bytes) {
 
 std::string pictureType(const TnefAttachInfo& a, std::string_view bytes) {
     // The attachment's own type, when it is a plain image type and nothing else.
-    const bool plain = a.mimeTag.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.+-/") == std::string::npos;
+    const bool plain = a.mimeTag.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.+-/") ==
+                       std::string::npos;
     if (a.mimeTag.rfind("image/", 0) == 0 && a.mimeTag.size() > 6 && plain) return a.mimeTag;
     if (bytes.substr(0, 3) == "\xFF\xD8\xFF") return "image/jpeg";
     if (bytes.substr(0, 8) == "\x89PNG\r\n\x1A\n") return "image/png";
@@ -178,7 +186,8 @@ std::string pictureType(const TnefAttachInfo& a, std::string_view bytes) {
 void addPhoto(Card& card, int fd, const TnefMessageView& view) {
     for (size_t i = 0; i < view.attachments.size() && i < view.attachmentProperties.size(); ++i) {
         const TnefAttachInfo& a = view.attachments[i];
-        if (integerOf(findTag(view.attachmentProperties[i], PR_ATTACHMENT_CONTACTPHOTO)).value_or(0) == 0 ||
+        if (integerOf(findTag(view.attachmentProperties[i], PR_ATTACHMENT_CONTACTPHOTO))
+                    .value_or(0) == 0 ||
             a.kind != TNEF_ATTACH_FILE || a.dataLength == 0 || a.dataLength > kPhotoLimit)
             continue;
         const std::string bytes = readRange(fd, a.dataOffset, a.dataLength, kPhotoLimit);
@@ -193,10 +202,12 @@ struct OneOff {
 
 // A one-off entry identifier: a recipient written out in full (name, address type, address).
 std::optional<OneOff> oneOff(std::string_view id) {
-    static constexpr char kOneOffUid[] = "\x81\x2B\x1F\xA4\xBE\xA3\x10\x19\x9D\x6E\x00\xDD\x01\x0F\x54\x02";
+    static constexpr char kOneOffUid[] =
+        "\x81\x2B\x1F\xA4\xBE\xA3\x10\x19\x9D\x6E\x00\xDD\x01\x0F\x54\x02";
     constexpr uint16_t kUnicode = 0x8000;
     if (id.size() < 24 || id.substr(4, 16) != std::string_view(kOneOffUid, 16)) return std::nullopt;
-    const uint16_t flags = static_cast<uint16_t>(static_cast<uint8_t>(id[22]) | static_cast<uint8_t>(id[23]) << 8);
+    const uint16_t flags =
+        static_cast<uint16_t>(static_cast<uint8_t>(id[22]) | static_cast<uint8_t>(id[23]) << 8);
     std::string_view rest = id.substr(24);
     std::string fields[3];
     for (std::string& f : fields) {
@@ -217,8 +228,10 @@ std::optional<OneOff> oneOff(std::string_view id) {
 }
 
 void addMembers(Card& card, int fd, const Entries& props, uint32_t* flags) {
-    std::vector<std::string> ids = allBytesOf(fd, findNamed(props, PidLidDistributionListOneOffMembers), 1u << 16);
-    if (ids.empty()) ids = allBytesOf(fd, findNamed(props, PidLidDistributionListMembers), 1u << 16);
+    std::vector<std::string> ids =
+        allBytesOf(fd, findNamed(props, PidLidDistributionListOneOffMembers), 1u << 16);
+    if (ids.empty())
+        ids = allBytesOf(fd, findNamed(props, PidLidDistributionListMembers), 1u << 16);
     for (const std::string& id : ids) {
         const std::optional<OneOff> m = oneOff(id);
         if (!m || !isAddress(m->address) || (m->type != "SMTP" && m->type != "smtp")) {
@@ -236,7 +249,8 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
     out.kind = TNEF_CONVERT_VCARD;
     out.component = "VCARD";
     const Entries& p = view.properties;
-    const bool group = cls.size() >= 12 && (cls.substr(0, 12) == "IPM.DistList" || cls.substr(0, 12) == "ipm.distlist");
+    const bool group = cls.size() >= 12 &&
+                       (cls.substr(0, 12) == "IPM.DistList" || cls.substr(0, 12) == "ipm.distlist");
     Card card;
     if (group) card.line("KIND", "group");
 
@@ -258,9 +272,10 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
 
         // MAPI keeps no kind (home, work) for its three e-mail addresses: their order is the
         // preference.
-        const std::pair<NamedId, NamedId> emails[] = {{PidLidEmail1EmailAddress, PidLidEmail1AddressType},
-                                                      {PidLidEmail2EmailAddress, PidLidEmail2AddressType},
-                                                      {PidLidEmail3EmailAddress, PidLidEmail3AddressType}};
+        const std::pair<NamedId, NamedId> emails[] = {
+            {PidLidEmail1EmailAddress, PidLidEmail1AddressType},
+            {PidLidEmail2EmailAddress, PidLidEmail2AddressType},
+            {PidLidEmail3EmailAddress, PidLidEmail3AddressType}};
         int pref = 1;
         for (const auto& [address, type] : emails) {
             const std::optional<std::string> a = textOf(findNamed(p, address));
@@ -290,27 +305,32 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
             {PR_BUSINESS_FAX_NUMBER, ";TYPE=work,fax"},
             {PR_HOME_FAX_NUMBER, ";TYPE=home,fax"},
         };
-        for (const Phone& ph : kPhones) card.text(std::string("TEL;VALUE=text") + ph.params, tagText(p, ph.tag));
+        for (const Phone& ph : kPhones)
+            card.text(std::string("TEL;VALUE=text") + ph.params, tagText(p, ph.tag));
 
         // ADR: post office box, extended address, street, locality, region, code, country.
         auto namedText = [&](NamedId id) { return textOf(findNamed(p, id)); };
-        auto pick = [](std::optional<std::string> a, std::optional<std::string> b) { return a ? a : b; };
+        auto pick = [](std::optional<std::string> a, std::optional<std::string> b) {
+            return a ? a : b;
+        };
         const std::optional<std::string> work = compound(
-            {pick(namedText(PidLidWorkAddressPostOfficeBox), tagText(p, PR_POST_OFFICE_BOX)), std::nullopt,
-             pick(namedText(PidLidWorkAddressStreet), tagText(p, PR_STREET_ADDRESS)),
+            {pick(namedText(PidLidWorkAddressPostOfficeBox), tagText(p, PR_POST_OFFICE_BOX)),
+             std::nullopt, pick(namedText(PidLidWorkAddressStreet), tagText(p, PR_STREET_ADDRESS)),
              pick(namedText(PidLidWorkAddressCity), tagText(p, PR_LOCALITY)),
              pick(namedText(PidLidWorkAddressState), tagText(p, PR_STATE_OR_PROVINCE)),
              pick(namedText(PidLidWorkAddressPostalCode), tagText(p, PR_POSTAL_CODE)),
              pick(namedText(PidLidWorkAddressCountry), tagText(p, PR_COUNTRY))});
         if (work) card.line("ADR;TYPE=work", *work);
-        const std::optional<std::string> home =
-            compound({tagText(p, PR_HOME_ADDRESS_POST_OFFICE_BOX), std::nullopt, tagText(p, PR_HOME_ADDRESS_STREET),
-                      tagText(p, PR_HOME_ADDRESS_CITY), tagText(p, PR_HOME_ADDRESS_STATE_OR_PROVINCE),
-                      tagText(p, PR_HOME_ADDRESS_POSTAL_CODE), tagText(p, PR_HOME_ADDRESS_COUNTRY)});
+        const std::optional<std::string> home = compound(
+            {tagText(p, PR_HOME_ADDRESS_POST_OFFICE_BOX), std::nullopt,
+             tagText(p, PR_HOME_ADDRESS_STREET), tagText(p, PR_HOME_ADDRESS_CITY),
+             tagText(p, PR_HOME_ADDRESS_STATE_OR_PROVINCE), tagText(p, PR_HOME_ADDRESS_POSTAL_CODE),
+             tagText(p, PR_HOME_ADDRESS_COUNTRY)});
         if (home) card.line("ADR;TYPE=home", *home);
         const std::optional<std::string> other = compound(
-            {tagText(p, PR_OTHER_ADDRESS_POST_OFFICE_BOX), std::nullopt, tagText(p, PR_OTHER_ADDRESS_STREET),
-             tagText(p, PR_OTHER_ADDRESS_CITY), tagText(p, PR_OTHER_ADDRESS_STATE_OR_PROVINCE),
+            {tagText(p, PR_OTHER_ADDRESS_POST_OFFICE_BOX), std::nullopt,
+             tagText(p, PR_OTHER_ADDRESS_STREET), tagText(p, PR_OTHER_ADDRESS_CITY),
+             tagText(p, PR_OTHER_ADDRESS_STATE_OR_PROVINCE),
              tagText(p, PR_OTHER_ADDRESS_POSTAL_CODE), tagText(p, PR_OTHER_ADDRESS_COUNTRY)});
         if (other) card.line("ADR", *other);
 
@@ -321,19 +341,22 @@ TnefConverted toVCard(int fd, const TnefMessageView& view, std::string_view cls)
             card.line("ORG", *org);
         card.text("TITLE", tagText(p, PR_TITLE));
         if (auto d = dayOf(p, PidLidBirthdayLocal, PR_BIRTHDAY)) card.line("BDAY", *d);
-        if (auto d = dayOf(p, PidLidWeddingAnniversaryLocal, PR_WEDDING_ANNIVERSARY)) card.line("ANNIVERSARY", *d);
+        if (auto d = dayOf(p, PidLidWeddingAnniversaryLocal, PR_WEDDING_ANNIVERSARY))
+            card.line("ANNIVERSARY", *d);
         const std::pair<std::optional<std::string>, const char*> urls[] = {
             {tagText(p, PR_BUSINESS_HOME_PAGE), "URL;TYPE=work"},
             {tagText(p, PR_PERSONAL_HOME_PAGE), "URL;TYPE=home"},
             {textOf(findNamed(p, PidLidHtml)), "URL"}};
         for (const auto& [url, name] : urls)
-            if (url && url->find_first_of(" \t\r\n\"<>") == std::string::npos) card.line(name, cleanText(*url));
+            if (url && url->find_first_of(" \t\r\n\"<>") == std::string::npos)
+                card.line(name, cleanText(*url));
         addPhoto(card, fd, view);
     }
     std::string note = cleanText(tnef_MessageBody(fd, view, TNEF_BODY_TEXT).text);
     while (!note.empty() && (note.back() == '\n' || note.back() == ' ')) note.pop_back();
     card.text("NOTE", note);
-    if (auto t = timeOf(findTag(p, PR_LAST_MODIFICATION_TIME)); t && civilOfMinutes(minutesOf(*t)).year <= 9999) {
+    if (auto t = timeOf(findTag(p, PR_LAST_MODIFICATION_TIME));
+        t && civilOfMinutes(minutesOf(*t)).year <= 9999) {
         const Civil c = civilOfMinutes(minutesOf(*t));
         char buf[32];
         std::snprintf(buf, sizeof buf, "%04lld%02u%02uT%02u%02u00Z", static_cast<long long>(c.year),

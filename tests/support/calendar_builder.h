@@ -99,26 +99,38 @@ inline std::string recurrence(const Pattern& p) {
     b.u32(static_cast<uint32_t>(p.modified.size()));
     for (uint32_t d : p.modified) b.u32(d);
     b.u32(p.startDate).u32(p.endDate).u32(0x3006).u32(0x3009).u32(p.startOffset).u32(p.endOffset);
-    b.u16(p.announcedChanges == 0xFFFF ? static_cast<uint16_t>(p.changes.size()) : p.announcedChanges);
+    b.u16(p.announcedChanges == 0xFFFF ? static_cast<uint16_t>(p.changes.size())
+                                       : p.announcedChanges);
     for (const Change& c : p.changes) {
         b.u32(c.start).u32(c.end).u32(c.original).u16(c.location.empty() ? 0 : 0x0010);
         if (!c.location.empty())
-            b.u16(static_cast<uint16_t>(c.location.size() + 1)).u16(static_cast<uint16_t>(c.location.size())).raw(c.location);
+            b.u16(static_cast<uint16_t>(c.location.size() + 1))
+                .u16(static_cast<uint16_t>(c.location.size()))
+                .raw(c.location);
     }
     b.u32(0);  // reserved block
     for (const Change& c : p.changes) {
         b.u32(4).u32(0).u32(0);  // change highlight, reserved block
         if (c.location.empty()) continue;
         const std::string wide = tnefbuild::utf16le(c.location);
-        b.u32(c.start).u32(c.end).u32(c.original).u16(static_cast<uint16_t>(c.location.size())).raw(wide).u32(0);
+        b.u32(c.start)
+            .u32(c.end)
+            .u32(c.original)
+            .u16(static_cast<uint16_t>(c.location.size()))
+            .raw(wide)
+            .u32(0);
     }
     return b.u32(0).bytes();
 }
 
 // A one-off entry identifier of a list member, in UTF-16.
-inline std::string oneOff(const std::string& name, const std::string& type, const std::string& address) {
+inline std::string oneOff(const std::string& name, const std::string& type,
+                          const std::string& address) {
     Blob b;
-    b.u32(0).raw("\x81\x2B\x1F\xA4\xBE\xA3\x10\x19\x9D\x6E\x00\xDD\x01\x0F\x54\x02"s).u16(0).u16(0x8000);
+    b.u32(0)
+        .raw("\x81\x2B\x1F\xA4\xBE\xA3\x10\x19\x9D\x6E\x00\xDD\x01\x0F\x54\x02"s)
+        .u16(0)
+        .u16(0x8000);
     for (const std::string& s : {name, type, address}) b.raw(tnefbuild::utf16le(s)).u16(0);
     return b.bytes();
 }
@@ -137,13 +149,34 @@ struct Message {
         props.namedId(set, lid);
         return uint32_t{next++} << 16 | type;
     }
-    Message& time(const Guid& set, uint32_t lid, uint64_t t) { props.i8(named(set, lid, 0x0040), t); return *this; }
-    Message& number(const Guid& set, uint32_t lid, uint32_t v) { props.long32(named(set, lid, 0x0003), v); return *this; }
-    Message& flag(const Guid& set, uint32_t lid, bool v) { props.i2(named(set, lid, 0x000B), v); return *this; }
-    Message& text(const Guid& set, uint32_t lid, const std::string& v) { props.string8(named(set, lid, 0x001E), v); return *this; }
-    Message& binary(const Guid& set, uint32_t lid, const std::string& v) { props.binary(named(set, lid, 0x0102), v); return *this; }
-    Message& text(uint32_t tag, const std::string& v) { props.string8(tag, v); return *this; }
-    Message& number(uint32_t tag, uint32_t v) { props.long32(tag, v); return *this; }
+    Message& time(const Guid& set, uint32_t lid, uint64_t t) {
+        props.i8(named(set, lid, 0x0040), t);
+        return *this;
+    }
+    Message& number(const Guid& set, uint32_t lid, uint32_t v) {
+        props.long32(named(set, lid, 0x0003), v);
+        return *this;
+    }
+    Message& flag(const Guid& set, uint32_t lid, bool v) {
+        props.i2(named(set, lid, 0x000B), v);
+        return *this;
+    }
+    Message& text(const Guid& set, uint32_t lid, const std::string& v) {
+        props.string8(named(set, lid, 0x001E), v);
+        return *this;
+    }
+    Message& binary(const Guid& set, uint32_t lid, const std::string& v) {
+        props.binary(named(set, lid, 0x0102), v);
+        return *this;
+    }
+    Message& text(uint32_t tag, const std::string& v) {
+        props.string8(tag, v);
+        return *this;
+    }
+    Message& number(uint32_t tag, uint32_t v) {
+        props.long32(tag, v);
+        return *this;
+    }
 
     std::string bytes() const {
         Stream s;
@@ -178,7 +211,12 @@ inline Message meeting(const std::string& cls, const Zone& zone, uint64_t start,
         .number(kAppointment, 0x8205, 2)
         .text(kAppointment, 0x8208, "Room 1");
     Blob goid;
-    goid.raw("\x04\x00\x00\x00\x82\x00\xE0\x00\x74\xC5\xB7\x10\x1A\x82\xE0\x08"s).zeros(4).u64(0).zeros(8).u32(4).u32(0xA1B2C3D4);
+    goid.raw("\x04\x00\x00\x00\x82\x00\xE0\x00\x74\xC5\xB7\x10\x1A\x82\xE0\x08"s)
+        .zeros(4)
+        .u64(0)
+        .zeros(8)
+        .u32(4)
+        .u32(0xA1B2C3D4);
     m.binary(kMeeting, 0x0003, goid.bytes());
     return m;
 }
@@ -189,10 +227,13 @@ inline Message recurring(const Zone& zone, uint64_t start, uint64_t end, const P
     return m;
 }
 
-inline PropList recipient(const std::string& name, const std::string& address, uint32_t type, uint32_t track = 0,
-                   uint32_t flags = 0) {
+inline PropList recipient(const std::string& name, const std::string& address, uint32_t type,
+                          uint32_t track = 0, uint32_t flags = 0) {
     PropList r;
-    r.long32(0x0C150003, type).string8(PR_DISPLAY_NAME, name).string8(0x3002001E, "SMTP").string8(0x3003001E, address);
+    r.long32(0x0C150003, type)
+        .string8(PR_DISPLAY_NAME, name)
+        .string8(0x3002001E, "SMTP")
+        .string8(0x3003001E, address);
     if (track != 0) r.long32(0x5FFF0003, track);
     if (flags != 0) r.long32(0x5FFD0003, flags);
     return r;
@@ -221,7 +262,11 @@ inline Message contact() {
                         .record(2, 0x00069002, "\x01\x00\x00\x00"s)
                         .record(2, 0x0006800F, png)
                         .record(2, 0x00069005,
-                                PropList().long32(0x37050003, 1).string8(0x3707001E, "ContactPicture.jpg").i2(0x7FFF000B, 1).bytes())
+                                PropList()
+                                    .long32(0x37050003, 1)
+                                    .string8(0x3707001E, "ContactPicture.jpg")
+                                    .i2(0x7FFF000B, 1)
+                                    .bytes())
                         .bytes();
     return m;
 }
@@ -229,23 +274,37 @@ inline Message contact() {
 // A few streams of each kind, for seeding the fuzz target.
 inline std::vector<std::pair<std::string, std::string>> calendarSeeds() {
     const uint32_t apr1 = minutes1601(2024, 4, 1);
-    Message request = meeting("IPM.Schedule.Meeting.Request", kBerlin, mapiTime(2024, 6, 3, 8), mapiTime(2024, 6, 3, 9));
-    request.recipients = {recipient("Bo Chen", "bo@example.org", 1), recipient("Room 1", "room1@example.org", 3)};
+    Message request = meeting("IPM.Schedule.Meeting.Request", kBerlin, mapiTime(2024, 6, 3, 8),
+                              mapiTime(2024, 6, 3, 9));
+    request.recipients = {recipient("Bo Chen", "bo@example.org", 1),
+                          recipient("Room 1", "room1@example.org", 3)};
     Message list;
     list.cls = "IPM.DistList";
     list.text(0x3001001E, "Team");
-    list.props.namedId(kAddress, 0x8054).mvBinary(uint32_t{list.next++} << 16 | 0x1102,
-                                                  {oneOff("Bo", "SMTP", "bo@example.org")});
+    list.props.namedId(kAddress, 0x8054)
+        .mvBinary(uint32_t{list.next++} << 16 | 0x1102, {oneOff("Bo", "SMTP", "bo@example.org")});
     return {
         {"request", request.bytes()},
         {"series", recurring(kSydney, mapiTime(2024, 4, 1, 7), mapiTime(2024, 4, 1, 8),
-                             {0x200A, 0, 1440, {}, 0x2021, 5, apr1, apr1 + 4 * 1440, 540, 600,
-                              {apr1 + 1440, apr1 + 2 * 1440}, {apr1 + 2 * 1440},
-                              {{apr1 + 2 * 1440 + 840, apr1 + 2 * 1440 + 900, apr1 + 2 * 1440 + 540, "Room 2"}}})
+                             {0x200A,
+                              0,
+                              1440,
+                              {},
+                              0x2021,
+                              5,
+                              apr1,
+                              apr1 + 4 * 1440,
+                              540,
+                              600,
+                              {apr1 + 1440, apr1 + 2 * 1440},
+                              {apr1 + 2 * 1440},
+                              {{apr1 + 2 * 1440 + 840, apr1 + 2 * 1440 + 900, apr1 + 2 * 1440 + 540,
+                                "Room 2"}}})
                        .bytes()},
-        {"nth", recurring(kNewYork, mapiTime(2024, 1, 9, 14), mapiTime(2024, 1, 9, 15),
-                          {0x200D, 3, 12, {0x3E, 5}, 0x2022, 10, apr1, 0x5AE980DF, 540, 600, {}, {}, {}})
-                    .bytes()},
+        {"nth",
+         recurring(kNewYork, mapiTime(2024, 1, 9, 14), mapiTime(2024, 1, 9, 15),
+                   {0x200D, 3, 12, {0x3E, 5}, 0x2022, 10, apr1, 0x5AE980DF, 540, 600, {}, {}, {}})
+             .bytes()},
         {"contact", contact().bytes()},
         {"list", list.bytes()},
     };

@@ -37,7 +37,8 @@ TEST(ToolCalendar, CommandsAndExtractWriteCalendarsAndCards) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(std::string(r.command) + " " + r.file);
-        const ToolRun run = runTool({r.command, home.file(std::string(r.file) + ".tnef")}, home.path());
+        const ToolRun run =
+            runTool({r.command, home.file(std::string(r.file) + ".tnef")}, home.path());
         EXPECT_EQ(run.status, r.status) << run.err;
         EXPECT_EQ(run.out.rfind(r.begins, 0), 0u) << run.out;
         if (r.status == 1) {
@@ -45,17 +46,19 @@ TEST(ToolCalendar, CommandsAndExtractWriteCalendarsAndCards) {
         }
     }
 
-    const ToolRun json = runTool({"--json", "calendar", home.file("series.tnef"), "-o", home.file("s.ics")}, home.path());
+    const ToolRun json = runTool(
+        {"--json", "calendar", home.file("series.tnef"), "-o", home.file("s.ics")}, home.path());
     ASSERT_EQ(json.status, 0) << json.err;
     const jsoncheck::Value report = jsonOf(json);
     EXPECT_EQ(report["method"].text, "PUBLISH");
     EXPECT_EQ(report["component"].text, "VEVENT");
-    EXPECT_EQ(report["bytes"].number, static_cast<double>(std::filesystem::file_size(home.file("s.ics"))));
+    EXPECT_EQ(report["bytes"].number,
+              static_cast<double>(std::filesystem::file_size(home.file("s.ics"))));
 
     // extract: the calendar beside the attachments; a card for the contact, whose picture
     // is an attachment too.
-    const ToolRun ex = runTool({"--json", "extract", home.file("request.tnef"), home.file("contact.tnef"), "-C",
-                                home.file("out")},
+    const ToolRun ex = runTool({"--json", "extract", home.file("request.tnef"),
+                                home.file("contact.tnef"), "-C", home.file("out")},
                                home.path());
     ASSERT_EQ(ex.status, 0) << ex.err;
     const jsoncheck::Value files = jsonOf(ex)["files"];
@@ -76,7 +79,8 @@ TEST(ToolCalendar, EmbeddedListGivesItsCard) {
     const std::string file = corpus + "/files/tnefparse__tests__examples__IPM-DistList.tnef";
     const ToolRun ex = runTool({"extract", file, "-C", home.file("out")}, home.path());
     EXPECT_TRUE(std::filesystem::exists(home.file("out/contact.vcf"))) << ex.out << ex.err;
-    const ToolRun json = runTool({"--json", "contact", file, "-o", home.file("l.vcf")}, home.path());
+    const ToolRun json =
+        runTool({"--json", "contact", file, "-o", home.file("l.vcf")}, home.path());
     EXPECT_EQ(json.status, 0) << json.err;
     EXPECT_EQ(jsonOf(json)["depth"].number, 1);
     EXPECT_EQ(home.read("l.vcf"), home.read("out/contact.vcf"));
