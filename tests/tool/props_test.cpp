@@ -109,6 +109,10 @@ TEST(ToolWarnings, BadChecksumWarnsEverywhereAndStrictStopsFirst) {
         EXPECT_NE(stopped.err.find("--strict: stopped on 1 warning"), std::string::npos) << stopped.err;
         EXPECT_FALSE(std::filesystem::exists(out));
     }
+    // decode weighs the stream only under --strict, and then stores nothing.
+    EXPECT_EQ(runTool({"--strict", "--home", home.path(), "decode", file}, home.path()).status, 2);
+    EXPECT_FALSE(std::filesystem::exists(home.file("store/messages")) &&
+                 !std::filesystem::is_empty(home.file("store/messages")));
     const Json j = Json::parse(runTool({"--json", "list", file}, home.path()).out);
     EXPECT_EQ(j["files"][0]["warnings"][0], "a record's checksum is wrong");
     // The unaltered file passes --strict.

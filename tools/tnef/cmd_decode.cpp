@@ -126,6 +126,13 @@ int cmdDecode(const GlobalOptions& g, const ParsedArgs& p) {
     const std::string& path = p.operands.front();
     const int fd = openInput(path);
     if (fd < 0) return kExitError;
+    // --strict weighs the stream (checksums included) before anything is stored; without it
+    // decode reads the file once, as the server does, and reports what it did not store.
+    std::vector<std::string> streamWarnings;
+    if (g.strict && (!checkTnefSignature(fd, path) || !weighStream(g, fd, path, &streamWarnings))) {
+        ::close(fd);
+        return kExitError;
+    }
 
     DecodeResult r;
     try {
