@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -147,6 +148,9 @@ int checkOperands(const CommandSpec& spec, const ParsedArgs& p) {
         return usageError(spec.name, "unexpected operand '" + p.operands[0] + "'");
     if (n == 0) {
         const std::string first = std::string(spec.operands).substr(0, std::string(spec.operands).find_first_of(" ."));
+        // An operand in capitals names what to give (FILE); in small letters it is the word itself.
+        if (!first.empty() && std::islower(static_cast<unsigned char>(first[0])))
+            return usageError(spec.name, std::string("'") + kToolName + " " + spec.name + " " + first + "' wanted");
         return usageError(spec.name, "no " + first + " given");
     }
     return usageError(spec.name, std::string(spec.operands) + " wanted");
