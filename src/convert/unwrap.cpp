@@ -352,6 +352,22 @@ private:
 constexpr uint32_t kDamage = TNEF_READ_TRUNCATED | TNEF_READ_BAD_CHECKSUM | TNEF_READ_COUNT_BEYOND |
                              TNEF_READ_BAD_PROPS | TNEF_READ_NO_RECORDS | TNEF_READ_TOO_DEEP | TNEF_READ_TOO_MANY;
 
+std::string damageText(uint32_t flags) {
+    static constexpr struct { uint32_t flag; const char* text; } kTexts[] = {
+        {TNEF_READ_TRUNCATED, "cut short"},
+        {TNEF_READ_BAD_CHECKSUM, "a record's checksum is wrong"},
+        {TNEF_READ_COUNT_BEYOND, "a count passes its data"},
+        {TNEF_READ_BAD_PROPS, "a property list cannot be read to its end"},
+        {TNEF_READ_NO_RECORDS, "no record"},
+        {TNEF_READ_TOO_DEEP, "embedded messages nested too deep"},
+        {TNEF_READ_TOO_MANY, "too many values"},
+    };
+    std::string out;
+    for (const auto& t : kTexts)
+        if (flags & t.flag) out += (out.empty() ? "" : ", ") + std::string(t.text);
+    return out;
+}
+
 // Walks the mail and replaces its TNEF parts.
 class Unwrapper {
 public:
@@ -420,7 +436,7 @@ private:
                 // What a damaged stream gave goes out, and the stream itself beside it, so
                 // that nothing it may still hold is lost.
                 ++result_->kept;
-                result_->warnings.push_back(label + " is damaged: kept beside what it gave");
+                result_->warnings.push_back(label + " is damaged (" + damageText(view.flags) + "): kept beside what it gave");
                 parts.push_back(GMIME_OBJECT(g_object_ref(tnef)));
             }
             ++result_->converted;
