@@ -397,6 +397,9 @@ public:
                     g_object_unref(parts[k]);
                 }
                 i += static_cast<int>(parts.size()) - 1;
+                // A multipart the mail cut off (no closing boundary) is closed once its
+                // content has changed, so that readers do not take it for damage.
+                m->write_end_boundary = TRUE;
             }
         } else if (GMIME_IS_MESSAGE_PART(o)) {
             if (GMimeMessage* inner = g_mime_message_part_get_message(GMIME_MESSAGE_PART(o))) walkMessage(inner, inSigned);

@@ -90,6 +90,13 @@ std::vector<std::string> extracted(const TestHome& home, const std::string& tnef
     return out;
 }
 
+constexpr const char* kPythonReads =
+    "import email, email.policy, sys\n"
+    "m = email.message_from_binary_file(open(sys.argv[1], 'rb'), policy=email.policy.default)\n"
+    "bad = [(p.get_content_type(), p.defects) for p in m.walk() if p.defects]\n"
+    "[p.get_content() for p in m.walk() if not p.is_multipart() and p.get_content_maintype() != 'message']\n"
+    "sys.exit(str(bad) if bad else 0)\n";
+
 struct Case {
     const char* name;
     std::string mail;               // the input
@@ -118,6 +125,9 @@ void check(const TestHome& home, const Case& c, const std::vector<std::string>& 
     if (c.same) return;
     const Leaves leaves = parse(result);
     EXPECT_EQ(!leaves.tnef.empty(), c.tnefLeft);
+    // Python's email package, policy default, must read every part without a defect.
+    const ToolRun py = runProgram("/usr/bin/python3", {"-c", kPythonReads, out}, home.path());
+    EXPECT_EQ(py.status, 0) << py.out << py.err;
     for (size_t i = 0; i < attachments.size(); ++i)
         EXPECT_NE(std::find(leaves.contents.begin(), leaves.contents.end(), attachments[i]), leaves.contents.end())
             << "attachment " << i << " (" << attachments[i].size() << " bytes) is not in the output";
