@@ -434,6 +434,13 @@ private:
             tnef_ReadMessage(fd.fd, &view);
             Converter c(fd.fd, result_);
             c.messageParts(view, !outer_.text && !outer_.html, !outer_.html, &parts);
+            if (parts.empty()) {
+                // Nothing the mail does not show already: the part stays, so nothing it may
+                // hold beyond what the reader knows is lost.
+                ++result_->kept;
+                result_->warnings.push_back(label + " holds nothing to convert: kept as it was");
+                return parts;
+            }
             result_->parts += static_cast<uint32_t>(parts.size());
             if (view.flags & kDamage) {
                 // What a damaged stream gave goes out, and the stream itself beside it, so
