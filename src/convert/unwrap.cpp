@@ -28,7 +28,9 @@ using namespace tnefconv;
 namespace {
 
 constexpr uint16_t PR_INTERNET_MESSAGE_ID = 0x1035;
-constexpr uint64_t kMapiToUnixSeconds = 11644473600ULL;
+
+// PT_SYSTIME (100 ns since 1601) as Unix seconds.
+int64_t unixOfMapi(uint64_t t) { return static_cast<int64_t>(t / 10000000ULL) - 11644473600LL; }
 
 // GObject references, dropped when the holder goes.
 template <typename T>
@@ -166,7 +168,7 @@ void weighOuterBody(GMimeObject* o, OuterBody* body) {
         for (int i = 0; i < g_mime_multipart_get_count(m); ++i) weighOuterBody(g_mime_multipart_get_part(m, i), body);
         return;
     }
-    if (!GMIME_IS_TEXT_PART(o) || isTnefPart(o)) return;
+    if (!(typeIs(o, "text", "plain") || typeIs(o, "text", "html")) || isTnefPart(o)) return;
     if (g_mime_part_is_attachment(GMIME_PART(o))) return;
     if (typeIs(o, "text", "html")) body->html = true;
     const std::string text = decodedContent(GMIME_PART(o));
@@ -218,18 +220,20 @@ public:
         }
 
         size_t embedded = 0;
-        for (const TnefAttachInfo& a : view.attachments) {
+        for (size_t i = 0; i < view.attachments.size(); ++i) {
+            const TnefAttachInfo& a = view.attachments[i];
+            const Entries* props = i < view.attachmentProperties.size() ? &view.attachmentProperties[i] : nullptr;
             if (a.kind == TNEF_ATTACH_MESSAGE) {
                 if (embedded < view.embedded.size()) out->push_back(messagePart(a, view.embedded[embedded]));
                 ++embedded;
             } else if (a.kind != TNEF_ATTACH_NONE) {
-                out->push_back(attachmentPart(a, hasHtml ? html.text : std::string()));
+                out->push_back(attachmentPart(a, props, hasHtml ? html.text : std::string()));
             }
         }
     }
 
 private:
-    GMimeObject* attachmentPart(const TnefAttachInfo& a, const std::string& html) {
+    GMimeObject* attachmentPart(const TnefAttachInfo& a, const Entries* props, const std::string& html) {
         const std::string name = tnef_AttachBestName(a);
         std::string type = usableMimeTag(a.mimeTag);
         if (type.empty()) type = typeOfExtension(lowerExtension(name));
@@ -260,9 +264,14 @@ private:
         if (!name.empty()) g_mime_part_set_filename(part, name.c_str());
         if (!a.contentId.empty()) g_mime_object_set_content_id(GMIME_OBJECT(part), a.contentId.c_str());
         GMimeContentDisposition* disposition = g_mime_object_get_content_disposition(GMIME_OBJECT(part));
-        if (a.modified != 0 && disposition) {
-            const std::string date = rfc822Date(a.modified);
-            if (!date.empty()) g_mime_content_disposition_set_parameter(disposition, "modification-date", date.c_str());
+        const std::optional<uint64_t> created = props ? timeOf(findTag(*props, PR_CREATION_TIME)) : std::nullopt;
+        const struct { const char* name; int64_t when; } dates[] = {
+            {"creation-date", created ? unixOfMapi(*created) : 0},
+            {"modification-date", a.modified},
+        };
+        for (const auto& d : dates) {
+            const std::string date = d.when != 0 && disposition ? rfc822Date(d.when) : std::string();
+            if (!date.empty()) g_mime_content_disposition_set_parameter(disposition, d.name, date.c_str());
         }
         if (a.flags & TNEF_ATTACH_DATA_CUT)
             result_->warnings.push_back("attachment " + std::to_string(a.index) + " (" + name +
@@ -303,8 +312,7 @@ private:
         addRecipients(msg.get(), view);
         if (!view.subject.empty()) g_mime_message_set_subject(msg.get(), view.subject.c_str(), "utf-8");
         if (const std::optional<uint64_t> t = timeOf(findTag(view.properties, PR_CLIENT_SUBMIT_TIME))) {
-            GDateTime* date = g_date_time_new_from_unix_utc(static_cast<int64_t>(*t / 10000000ULL) -
-                                                            static_cast<int64_t>(kMapiToUnixSeconds));
+            GDateTime* date = g_date_time_new_from_unix_utc(unixOfMapi(*t));
             if (date) {
                 g_mime_message_set_date(msg.get(), date);
                 g_date_time_unref(date);
