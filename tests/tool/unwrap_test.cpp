@@ -144,11 +144,16 @@ TEST(Unwrap, MadeMailsKeepWhatCannotBeConverted) {
     const std::string cut = mailAround(base64(tnef).substr(0, 4 * 150), false);
     const std::string plain = "From: a@example.org\nSubject: none\n\nno MIME here,\r\nmixed line ends\n";
     const std::string broken = mailAround(base64("not a TNEF stream at all"));
+    const std::string signedMail =
+        "From: a@example.org\nMIME-Version: 1.0\nContent-Type: multipart/signed; boundary=\"s\";"
+        " protocol=\"application/pkcs7-signature\"\n\n--s\n" + whole.substr(whole.find("Content-Type: multipart/mixed")) +
+        "\n--s\nContent-Type: application/pkcs7-signature\nContent-Transfer-Encoding: base64\n\nAAAA\n--s--\n";
     const Case cases[] = {
         {"converted", whole, {}, 0, false, false, false},
         {"no-tnef", plain + "\n", {}, 0, true, false, false},
         {"not-mime", "\x01\x02 no header\n", {"--on-error", "tempfail"}, 75, true, false, true},
         {"broken-part", broken, {}, 0, true, true, true},
+        {"signed", signedMail, {}, 0, true, true, true},  // converting would break the signature
         {"broken-strict", broken, {"--strict"}, 2, false, false, true},
         // base64 cut inside the stream: what it gave, and the part itself beside it
         {"cut-base64", cut, {}, 0, false, true, true},
