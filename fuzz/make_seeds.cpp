@@ -1,10 +1,12 @@
 // Writes the fuzz targets' seed inputs: real files from the shared corpus, what the codec makes
-// of them (property texts, blob texts), and streams laid out by the test builder.
+// of them (property texts, blob texts), streams laid out by the test builder, and mails that
+// carry those streams (for the mail filter).
 //
 //   tnef_fuzz_seeds OUT_DIR [CORPUS_FILES_DIR]
 //
 // Each target gets OUT_DIR/<target>/; inputs are named by their origin.
 #include <fcntl.h>
+#include <glib.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -127,6 +129,19 @@ void seedsFrom(const fs::path& out, const std::string& name, const std::string& 
 
 }  // namespace
 
+// A TNEF stream as the winmail.dat part of a mail, base64 as mail systems send it.
+std::string mailAround(const std::string& tnef) {
+    gchar* b = g_base64_encode(reinterpret_cast<const guchar*>(tnef.data()), tnef.size());
+    const std::string flat = b;
+    g_free(b);
+    std::string mail =
+        "From: a@example.org\r\nSubject: seed\r\nMIME-Version: 1.0\r\n"
+        "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\n\r\n--b\r\n"
+        "Content-Type: application/ms-tnef; name=\"winmail.dat\"\r\nContent-Transfer-Encoding: base64\r\n\r\n";
+    for (size_t i = 0; i < flat.size(); i += 76) mail += flat.substr(i, 76) + "\r\n";
+    return mail + "--b--\r\n";
+}
+
 int main(int argc, char** argv) {
     if (argc < 2) {
         std::fprintf(stderr, "usage: %s OUT_DIR [CORPUS_FILES_DIR]\n", argv[0]);
@@ -136,7 +151,10 @@ int main(int argc, char** argv) {
     char pattern[] = "/tmp/tnef-seeds-XXXXXX";
     const std::string home = ::mkdtemp(pattern);
     os_SetHome(home);
-    for (const auto& [name, bytes] : builderStreams()) seedsFrom(out, name, bytes, home);
+    for (const auto& [name, bytes] : builderStreams()) {
+        seedsFrom(out, name, bytes, home);
+        put(out, "unwrap", name, mailAround(bytes));
+    }
     const std::string html =
         "{\\rtf1\\ansi\\ansicpg1251\\fromhtml1{\\fonttbl{\\f0\\fcharset204 A;}}{\\*\\htmltag <b>}"
         "\\htmlrtf x\\htmlrtf0 \\'c0\\u8364?\\~{\\*\\mhtmltag y}\\par}";
@@ -144,14 +162,18 @@ int main(int argc, char** argv) {
     put(out, "deencap", "rtf-html", html);
     for (const auto& [name, bytes] : calbuild::calendarSeeds()) put(out, "convert", name, bytes);
     if (argc > 2) {
-        for (const auto& entry : fs::directory_iterator(argv[2]))
-            seedsFrom(out, entry.path().filename().string(), readFileBytes(entry.path().string()), home);
+        for (const auto& entry : fs::directory_iterator(argv[2])) {
+            const std::string bytes = readFileBytes(entry.path().string());
+            seedsFrom(out, entry.path().filename().string(), bytes, home);
+            put(out, "unwrap", entry.path().filename().string(), mailAround(bytes));
+        }
         const fs::path content = fs::path(argv[2]) / ".." / "content" / "files";
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(content, ec)) {
             const std::string bytes = readFileBytes(entry.path().string());
             put(out, bytes.rfind("{\\rtf", 0) == 0 ? "deencap" : "rtf", entry.path().filename().string(), bytes);
             put(out, "convert", entry.path().filename().string(), bytes);
+            if (entry.path().extension() == ".eml") put(out, "unwrap", entry.path().filename().string(), bytes);
         }
     }
     fs::remove_all(home);

@@ -16,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 mode=${1:-ci}
-targets=(decode getprop scan oemcodepage parsedata writeblob encode read rtf deencap convert)
+targets=(decode getprop scan oemcodepage parsedata writeblob encode read rtf deencap convert unwrap)
 
 cmake --preset fuzz >/dev/null
 cmake --build build/fuzz

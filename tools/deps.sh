@@ -18,6 +18,7 @@ libssl-dev
 help2man
 pkg-config
 libical-dev
+libgmime-3.0-dev
 python3-icalendar
 python3-vobject
 python3-dev

@@ -27,7 +27,7 @@ namespace {
 const CommandSpec* const kCommands[] = {
     &kListCommand,  &kExtractCommand, &kBodyCommand,      &kPropsCommand, &kDecodeCommand, &kShowCommand,
     &kGetpropCommand, &kWriteblobCommand, &kScanCommand, &kEncodeCommand, &kRtfCommand,
-    &kCalendarCommand, &kContactCommand, &kStoreCommand,
+    &kCalendarCommand, &kContactCommand, &kStoreCommand, &kUnwrapCommand,
 };
 
 constexpr const char* kDescription =

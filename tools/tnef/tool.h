@@ -145,4 +145,4 @@ int usageError(const std::string& command, std::string_view what);
 // The subcommands.
 extern const CommandSpec kListCommand, kExtractCommand, kDecodeCommand, kShowCommand,
     kGetpropCommand, kWriteblobCommand, kScanCommand, kEncodeCommand, kPropsCommand,
-    kBodyCommand, kRtfCommand, kCalendarCommand, kContactCommand, kStoreCommand;
+    kBodyCommand, kRtfCommand, kCalendarCommand, kContactCommand, kStoreCommand, kUnwrapCommand;
