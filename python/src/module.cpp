@@ -636,7 +636,7 @@ py::tuple serverDecode(const std::string& path, const std::string& home, const F
         }
         out.id = Msg_GetId(message.get());
         out.folder = os_ResolvePath("~/store/messages/" + out.id);
-        // Parts 1 and 2 are the received body and the TNEF file; attachments follow.
+        // A received message holds its body and the TNEF file first; attachments follow.
         const uint32_t count = Msg_GetPartCount(message.get());
         for (uint32_t n = 3; n <= count; ++n) {
             ItemRef ref{};

@@ -85,13 +85,13 @@ void addGlobals(CLI::App& app, CommandLine& line) {
     app.add_flag("-q,--quiet", line.global.quiet, "no progress line");
 }
 
-CLI::App* addCommand(CLI::App& app, HelpFormatter& help, const CommandSpec& spec, ParsedArgs& parsed) {
-    CLI::App* sub = app.add_subcommand(spec.name, spec.summary);
+CLI::App* addCommand(CLI::App& app, HelpFormatter& help, const CommandSpec& command, ParsedArgs& parsed) {
+    CLI::App* sub = app.add_subcommand(command.name, command.summary);
     sub->fallthrough();
     sub->set_help_all_flag();
-    sub->footer(spec.details);
-    help.operands[sub] = spec.operands;
-    for (const OptionSpec& o : spec.options) {
+    sub->footer(command.details);
+    help.operands[sub] = command.operands;
+    for (const OptionSpec& o : command.options) {
         const std::string name = o.name;
         if (o.value == nullptr) {
             sub->add_flag_callback(name, [&parsed, name] { parsed.options.emplace_back(name, ""); }, o.help);
@@ -141,19 +141,19 @@ std::string firstOperand(const std::vector<std::string>& args) {
     return {};
 }
 
-int checkOperands(const CommandSpec& spec, const ParsedArgs& p) {
+int checkOperands(const CommandSpec& command, const ParsedArgs& p) {
     const size_t n = p.operands.size();
-    if (n >= spec.minOperands && n <= spec.maxOperands) return kExitOk;
-    if (n > spec.maxOperands && spec.maxOperands == 0)
-        return usageError(spec.name, "unexpected operand '" + p.operands[0] + "'");
+    if (n >= command.minOperands && n <= command.maxOperands) return kExitOk;
+    if (n > command.maxOperands && command.maxOperands == 0)
+        return usageError(command.name, "unexpected operand '" + p.operands[0] + "'");
     if (n == 0) {
-        const std::string first = std::string(spec.operands).substr(0, std::string(spec.operands).find_first_of(" ."));
+        const std::string first = std::string(command.operands).substr(0, std::string(command.operands).find_first_of(" ."));
         // An operand in capitals names what to give (FILE); in small letters it is the word itself.
         if (!first.empty() && std::islower(static_cast<unsigned char>(first[0])))
-            return usageError(spec.name, std::string("'") + kToolName + " " + spec.name + " " + first + "' wanted");
-        return usageError(spec.name, "no " + first + " given");
+            return usageError(command.name, std::string("'") + kToolName + " " + command.name + " " + first + "' wanted");
+        return usageError(command.name, "no " + first + " given");
     }
-    return usageError(spec.name, std::string(spec.operands) + " wanted");
+    return usageError(command.name, std::string(command.operands) + " wanted");
 }
 
 int applyGlobals(const CommandLine& line) {
